@@ -1,0 +1,63 @@
+#include "support/descriptors.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+namespace ldtest {
+
+std::set<int> openDescriptors() {
+  std::set<int> fds;
+  DIR* directory = opendir("/proc/self/fd");
+  if (directory == nullptr) throw std::runtime_error("cannot read /proc/self/fd");
+  const int own = dirfd(directory);
+  while (const dirent* entry = readdir(directory)) {
+    if (entry->d_name[0] == '.') continue;
+    const int fd = std::atoi(entry->d_name);
+    if (fd != own) fds.insert(fd);
+  }
+  closedir(directory);
+  return fds;
+}
+
+std::string descriptorDifference(const std::set<int>& before, const std::set<int>& after) {
+  std::string difference;
+  for (const int fd : after) {
+    if (!before.count(fd)) difference += " opened " + std::to_string(fd);
+  }
+  for (const int fd : before) {
+    if (!after.count(fd)) difference += " closed " + std::to_string(fd);
+  }
+  return difference;
+}
+
+unsigned short freeLoopbackPort() {
+  for (int attempt = 0; attempt < 64; ++attempt) {
+    const int probe4 = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address4{};
+    address4.sin_family = AF_INET;
+    address4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address4;
+    ::bind(probe4, reinterpret_cast<sockaddr*>(&address4), sizeof address4);
+    ::getsockname(probe4, reinterpret_cast<sockaddr*>(&address4), &length);
+    const unsigned short port = ntohs(address4.sin_port);
+
+    const int probe6 = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 address6{};
+    address6.sin6_family = AF_INET6;
+    address6.sin6_addr = in6addr_loopback;
+    address6.sin6_port = htons(port);
+    const bool free6 = ::bind(probe6, reinterpret_cast<sockaddr*>(&address6), sizeof address6) == 0;
+    ::close(probe6);
+    ::close(probe4);
+    if (free6) return port;
+  }
+  throw std::runtime_error("no loopback port free on both 127.0.0.1 and ::1");
+}
+
+}  // namespace ldtest
