@@ -34,14 +34,30 @@ int ScriptedSystemCalls::callCount(const std::string& call) const {
   return found == _counts.end() ? 0 : found->second;
 }
 
-std::optional<ScriptedSystemCalls::Scripted> ScriptedSystemCalls::next(const std::string& call) {
+void ScriptedSystemCalls::onCall(const std::string& call, int occurrence,
+                                 std::function<void()> hook) {
   std::lock_guard<std::mutex> guard(_mutex);
-  const int occurrence = ++_counts[call];
-  for (const int key : {occurrence, 0}) {
-    const auto found = _scripts.find({call, key});
-    if (found != _scripts.end()) return found->second;
+  _hooks[{call, occurrence}] = std::move(hook);
+}
+
+std::optional<ScriptedSystemCalls::Scripted> ScriptedSystemCalls::next(const std::string& call) {
+  std::function<void()> hook;
+  std::optional<Scripted> scripted;
+  {
+    std::lock_guard<std::mutex> guard(_mutex);
+    const int occurrence = ++_counts[call];
+    const auto hooked = _hooks.find({call, occurrence});
+    if (hooked != _hooks.end()) hook = std::move(hooked->second);
+    for (const int key : {occurrence, 0}) {
+      const auto found = _scripts.find({call, key});
+      if (found != _scripts.end()) {
+        scripted = found->second;
+        break;
+      }
+    }
   }
-  return std::nullopt;
+  if (hook) hook();
+  return scripted;
 }
 
 LDSystemCallResult ScriptedSystemCalls::socket(int family, int type, int protocol) {

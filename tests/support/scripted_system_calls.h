@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -26,6 +27,10 @@ class ScriptedSystemCalls : public LDSystemCalls {
   // call of that name.
   void script(const std::string& call, int occurrence, long value, int errorNumber,
               std::optional<int> optionValue = std::nullopt);
+
+  // Runs hook just before the nth call named `call` (scripted or not), outside any lock: a test
+  // uses it to act while the code under test is in the middle of its work.
+  void onCall(const std::string& call, int occurrence, std::function<void()> hook);
 
   // The bytes that getrandom hands out instead of random ones.
   void scriptRandomBytes(std::vector<unsigned char> bytes);
@@ -63,6 +68,7 @@ class ScriptedSystemCalls : public LDSystemCalls {
   mutable std::mutex _mutex;
   std::map<std::pair<std::string, int>, Scripted> _scripts;
   std::map<std::string, int> _counts;
+  std::map<std::pair<std::string, int>, std::function<void()>> _hooks;
   std::optional<std::vector<unsigned char>> _randomBytes;
 };
 
