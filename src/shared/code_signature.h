@@ -1,0 +1,92 @@
+#pragma once
+
+// Code signatures appended to an executable:
+//
+//   [ executable bytes 0..N-1 ]
+//   [ CMS SignedData, DER; attached content = manifest; signer certificate + intermediates ]
+//   [ 12-byte info: 0,0,2,0,0,0,0,0, u32 big-endian length of the CMS blob ]
+//   [ "~LD code signature appended~\n" ]
+//
+// The manifest (UTF-8, one field a line) names the identifier, the team, the size N and the
+// SHA-256 of bytes 0..N-1. The ELF loader ignores the trailer; strip removes it.
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "shared/openssl_handles.h"
+
+// Statuses with the meanings (and numbers) of the platform the system was first built for.
+enum LDCodeSigningStatus : int32_t {
+  LDCodeSigningStatusOK = 0,
+  errSecCSUnsigned = -67062,
+  errSecCSSignatureFailed = -67061,
+  errSecCSSignatureNotVerifiable = -67060,
+  errSecCSReqFailed = -67050,
+  errSecCSSignatureInvalid = -67045,
+  errSecCSSignatureUntrusted = -66996,
+  errSecCSStaticCodeNotFound = -67068,
+  errSecCSReqInvalid = -67052,
+};
+
+inline constexpr std::string_view LDSignatureMagic = "~LD code signature appended~\n";
+inline constexpr size_t LDSignatureInfoSize = 12;
+inline constexpr size_t LDSignatureTrailerSize = LDSignatureInfoSize + LDSignatureMagic.size();
+// A CMS blob with a manifest and a short chain is a few KiB; anything near this is not ours.
+inline constexpr uint32_t LDMaximumSignatureSize = 1u << 20;
+
+struct LDSignatureManifest {
+  std::string identifier;
+  std::string team;
+  uint64_t size = 0;
+  std::array<uint8_t, 32> sha256{};
+};
+
+std::string LDFormatManifest(const LDSignatureManifest& manifest);
+// Exactly the five lines in order, each ending in LF, nothing else; nullopt otherwise.
+std::optional<LDSignatureManifest> LDParseManifest(std::string_view text);
+
+// Where the signature sits in a file of fileSize bytes whose last bytes are `tail`
+// (tail.size() == min(fileSize, LDSignatureTrailerSize)).
+struct LDSignatureLocation {
+  int32_t status;         // 0, errSecCSUnsigned or errSecCSSignatureInvalid
+  uint64_t codeSize = 0;  // N
+  uint32_t blobSize = 0;  // the CMS blob lies at [N, N + blobSize)
+};
+LDSignatureLocation LDLocateSignature(uint64_t fileSize, std::string_view tail);
+
+// The 12-byte info and the magic for a blob of blobSize bytes.
+std::string LDFormatSignatureTrailer(uint32_t blobSize);
+
+// What the CMS blob says once its structure and its signature are checked.
+struct LDSignatureContents {
+  int32_t status = LDCodeSigningStatusOK;
+  std::string detail;  // why, when status is not 0
+  LDSignatureManifest manifest;
+  std::string leafTeam;  // the leaf certificate's single subject OU
+  ldssl::Certificate leaf;
+  ldssl::CertificateStack certificates;  // everything the blob carries, leaf included
+};
+
+// Parses the blob and checks it: SignedData with attached content, exactly one signer whose
+// certificate is in the blob, a valid signature over the manifest, a well-formed manifest whose
+// team is the leaf's single OU. The chain is not evaluated here (see LDVerifyChain).
+LDSignatureContents LDReadSignatureBlob(std::string_view blob);
+
+// The leaf chains to one of the anchors (expiry ignored) and carries the codeSigning usage.
+// Returns 0 or errSecCSSignatureUntrusted with a detail.
+int32_t LDVerifyChain(const LDSignatureContents& contents, X509_STORE* anchors, std::string* detail);
+
+// The text of the certificate subject's only OU; nothing when it has none or several.
+std::optional<std::string> LDSingleOrganizationalUnit(X509* certificate);
+
+std::string LDHex(const uint8_t* bytes, size_t length);
+
+// Reads exactly length bytes at offset (retrying EINTR); false on a short read or an error.
+bool LDReadFully(int fd, uint64_t offset, char* buffer, size_t length);
+
+// SHA-256 of bytes [0, size) of fd, in one sequential pass.
+bool LDDigestOfDescriptor(int fd, uint64_t size, std::array<uint8_t, 32>& digest);

@@ -1,0 +1,113 @@
+#include <gtest/gtest.h>
+
+#include "shared/code_signature.h"
+#include "shared/requirement.h"
+
+namespace {
+
+TEST(Requirement, AcceptsExactlyTheSubset) {
+  struct Case {
+    const char* text;
+    size_t clauses;  // 0: unparsable
+  };
+  for (const Case& c : {
+           Case{R"(identifier "com.a.b" and anchor apple generic and certificate leaf[subject.OU] = "T1")", 3},
+           Case{R"(anchor apple generic)", 1},
+           Case{R"(certificate leaf [ subject.OU ] = "T")", 1},
+           Case{"identifier \"x\"\n\tand identifier \"x\"", 2},
+           Case{R"(identifier "")", 1},
+           Case{"", 0},
+           Case{"and", 0},
+           Case{R"(identifier "x" and)", 0},
+           Case{R"(identifier x)", 0},
+           Case{R"(identifier "x" or anchor apple generic)", 0},
+           Case{R"(anchor apple)", 0},
+           Case{R"(anchor trusted)", 0},
+           Case{R"(certificate leaf[subject.CN] = "T")", 0},
+           Case{R"(certificate root[subject.OU] = "T")", 0},
+           Case{R"(certificate leaf[subject.OU] "T")", 0},
+           Case{R"(identifier "unterminated)", 0},
+           Case{R"(identifier "a"b" and anchor apple generic)", 0},
+           Case{R"((identifier "x"))", 0},
+           Case{R"(!identifier "x")", 0},
+       }) {
+    const std::optional<LDRequirement> parsed = LDParseRequirement(c.text);
+    EXPECT_EQ(parsed ? parsed->clauses.size() : 0, c.clauses) << c.text;
+  }
+}
+
+TEST(Requirement, EveryClauseMustHold) {
+  const auto requirement = LDParseRequirement(
+      R"(identifier "com.a" and anchor apple generic and certificate leaf[subject.OU] = "T1")");
+  ASSERT_TRUE(requirement);
+  EXPECT_FALSE(LDFirstUnmetClause(*requirement, {"com.a", "T1", true}));
+  EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a ", "T1", true})) << "byte for byte";
+  EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"COM.A", "T1", true}));
+  EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a", "t1", true}));
+  EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a", "T1", false}));
+}
+
+TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {
+  LDSignatureManifest manifest{"com.example.app", "TEAM1", 1234, {}};
+  for (size_t i = 0; i < manifest.sha256.size(); ++i) manifest.sha256[i] = static_cast<uint8_t>(i * 7);
+  const std::string text = LDFormatManifest(manifest);
+  EXPECT_EQ(text,
+            "ld-codesign-manifest 1\nidentifier com.example.app\nteam TEAM1\nsize 1234\n"
+            "sha256 00070e151c232a31383f464d545b626970777e858c939aa1a8afb6bdc4cbd2d9\n");
+  const auto parsed = LDParseManifest(text);
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->identifier, manifest.identifier);
+  EXPECT_EQ(parsed->team, manifest.team);
+  EXPECT_EQ(parsed->size, manifest.size);
+  EXPECT_EQ(parsed->sha256, manifest.sha256);
+
+  const std::string digest = "sha256 00070e151c232a31383f464d545b626970777e858c939aa1a8afb6bdc4cbd2d9\n";
+  const std::string head = "ld-codesign-manifest 1\nidentifier a\nteam T\n";
+  for (const std::string& bad : {
+           head + "size 12\n" + digest.substr(0, digest.size() - 1),  // no final LF
+           head + "size 12\n" + digest + "\n",                         // trailing line
+           head + "size 012\n" + digest,                               // leading zero
+           head + "size -1\n" + digest,
+           head + "size 18446744073709551616\n" + digest,              // 2^64
+           head + "size 12\nsha256 00070E151C232A31383F464D545B626970777E858C939AA1A8AFB6BDC4CBD2D9\n",
+           head + "size 12\nsha256 0007\n",
+           head + "sha256 x\nsize 12\n",                               // order
+           std::string("ld-codesign-manifest 2\nidentifier a\nteam T\nsize 1\n") + digest,
+           std::string("ld-codesign-manifest 1\nidentifier \nteam T\nsize 1\n") + digest,
+           std::string("ld-codesign-manifest 1\nidentifier a\tb\nteam T\nsize 1\n") + digest,
+           std::string("ld-codesign-manifest 1\r\nidentifier a\nteam T\nsize 1\n") + digest,
+           std::string("ld-codesign-manifest 1\nidentifier a\nteam\nsize 1\n") + digest,
+       }) {
+    EXPECT_FALSE(LDParseManifest(bad)) << bad;
+  }
+  EXPECT_TRUE(LDParseManifest(head + "size 0\n" + digest));
+}
+
+TEST(SignatureTrailer, LocatesTheBlobOrSaysWhyNot) {
+  const std::string trailer = LDFormatSignatureTrailer(0x01020304 & 0xfff);
+  EXPECT_EQ(trailer.size(), LDSignatureTrailerSize);
+  EXPECT_EQ(trailer.substr(0, 12), std::string("\0\0\2\0\0\0\0\0\0\0\x03\x04", 12));
+  struct Case {
+    uint64_t fileSize;
+    std::string tail;
+    int32_t status;
+    uint64_t codeSize;
+  };
+  for (const Case& c : {
+           Case{5000, LDFormatSignatureTrailer(1000), 0, 5000 - 41 - 1000},
+           Case{1041, LDFormatSignatureTrailer(1000), 0, 0},
+           Case{1040, LDFormatSignatureTrailer(1000), errSecCSSignatureInvalid, 0},
+           Case{5000, LDFormatSignatureTrailer(0), errSecCSSignatureInvalid, 0},
+           Case{1u << 22, LDFormatSignatureTrailer((1u << 20) + 1), errSecCSSignatureInvalid, 0},
+           Case{40, std::string(40, 'x'), errSecCSUnsigned, 0},
+           Case{5000, std::string(41, 'x'), errSecCSUnsigned, 0},
+       }) {
+    const LDSignatureLocation location = LDLocateSignature(c.fileSize, c.tail);
+    EXPECT_EQ(location.status, c.status) << c.fileSize;
+    if (c.status == 0) {
+      EXPECT_EQ(location.codeSize, c.codeSize);
+    }
+  }
+}
+
+}  // namespace
