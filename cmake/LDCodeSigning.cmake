@@ -1,0 +1,55 @@
+# Trust anchors compiled into every program, and the identity that signs the built programs as
+# their last build step. With nothing given, a throwaway development CA and leaf (team
+# DEVTEAM001) are made once in the build tree, so a fresh checkout builds, signs and runs.
+
+set(LD_CODE_SIGNING_ANCHOR "" CACHE FILEPATH "PEM root(s) compiled in as the only trust anchors")
+set(LD_SIGNING_KEY "" CACHE FILEPATH "PEM private key that signs the built programs")
+set(LD_SIGNING_CERT "" CACHE FILEPATH "PEM leaf certificate of that key (subject OU = team)")
+set(LD_SIGNING_CHAIN "" CACHE FILEPATH "PEM intermediates to carry in signatures (optional)")
+
+if(LD_CODE_SIGNING_ANCHOR)
+  if(NOT LD_SIGNING_KEY OR NOT LD_SIGNING_CERT)
+    message(FATAL_ERROR "LD_CODE_SIGNING_ANCHOR needs LD_SIGNING_KEY and LD_SIGNING_CERT as well")
+  endif()
+  set(LD_ANCHOR_FILE "${LD_CODE_SIGNING_ANCHOR}")
+  set(LD_KEY_FILE "${LD_SIGNING_KEY}")
+  set(LD_CERT_FILE "${LD_SIGNING_CERT}")
+  set(LD_CHAIN_FILE "${LD_SIGNING_CHAIN}")
+else()
+  set(identity_dir "${CMAKE_BINARY_DIR}/development-identity")
+  if(NOT EXISTS "${identity_dir}/leaf.pem")
+    message(STATUS "Making a throwaway development signing identity (team DEVTEAM001)")
+    execute_process(
+      COMMAND "${CMAKE_SOURCE_DIR}/scripts/make-development-identity" "${identity_dir}" DEVTEAM001
+      RESULT_VARIABLE result)
+    if(NOT result EQUAL 0)
+      message(FATAL_ERROR "could not make the development signing identity (is openssl installed?)")
+    endif()
+  endif()
+  set(LD_ANCHOR_FILE "${identity_dir}/root.pem")
+  set(LD_KEY_FILE "${identity_dir}/leaf.key")
+  set(LD_CERT_FILE "${identity_dir}/leaf.pem")
+  set(LD_CHAIN_FILE "")
+endif()
+
+file(READ "${LD_ANCHOR_FILE}" LD_ANCHOR_PEM)
+if(NOT LD_ANCHOR_PEM MATCHES "-----BEGIN CERTIFICATE-----")
+  message(FATAL_ERROR "${LD_ANCHOR_FILE} holds no PEM certificate")
+endif()
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${LD_ANCHOR_FILE}")
+configure_file("${CMAKE_SOURCE_DIR}/cmake/anchors.cpp.in"
+               "${CMAKE_BINARY_DIR}/generated/anchors.cpp" @ONLY)
+
+# Signs target's output in place as identifier, after every link.
+function(ld_sign_target target identifier)
+  set(chain_arguments "")
+  if(LD_CHAIN_FILE)
+    set(chain_arguments --chain "${LD_CHAIN_FILE}")
+  endif()
+  add_dependencies(${target} ld-codesign)
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND "$<TARGET_FILE:ld-codesign>" sign --identifier "${identifier}"
+            --key "${LD_KEY_FILE}" --cert "${LD_CERT_FILE}" ${chain_arguments}
+            "$<TARGET_FILE:${target}>"
+    VERBATIM)
+endfunction()

@@ -1,0 +1,198 @@
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "shared/code_signing.h"
+
+namespace {
+
+int32_t fail(std::string* detail, int32_t status, std::string text) {
+  if (detail) *detail = std::move(text);
+  return status;
+}
+
+std::string subjectOf(X509* certificate) {
+  ldssl::Bio text(BIO_new(BIO_s_mem()));
+  if (!text) return "";
+  X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253);
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(text.get(), &data);
+  return std::string(data, static_cast<size_t>(length));
+}
+
+const char kNoTeamIdentifier[] =
+    "This build carries no Team ID; it is unsigned or ad-hoc signed, so the privileged listener "
+    "peers cannot authenticate each other";
+
+}  // namespace
+
+int32_t LDCheckSignatureOfDescriptor(int fd, const LDRequirement* requirement,
+                                     const LDTrustAnchors& anchors, std::string* detail,
+                                     LDSigningInformation* information) {
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    return fail(detail, errSecCSSignatureNotVerifiable, "the code is not a readable regular file");
+  }
+  const auto fileSize = static_cast<uint64_t>(status.st_size);
+  std::string tail(std::min<uint64_t>(fileSize, LDSignatureTrailerSize), '\0');
+  if (!LDReadFully(fd, fileSize - tail.size(), tail.data(), tail.size())) {
+    return fail(detail, errSecCSSignatureNotVerifiable, "the code could not be read");
+  }
+  const LDSignatureLocation location = LDLocateSignature(fileSize, tail);
+  if (location.status == errSecCSUnsigned) {
+    return fail(detail, errSecCSUnsigned, "the code is not signed");
+  }
+  if (location.status != LDCodeSigningStatusOK) {
+    return fail(detail, location.status, "the signature trailer is malformed");
+  }
+  std::string blob(location.blobSize, '\0');
+  if (!LDReadFully(fd, location.codeSize, blob.data(), blob.size())) {
+    return fail(detail, errSecCSSignatureNotVerifiable, "the signature could not be read");
+  }
+  const LDSignatureContents contents = LDReadSignatureBlob(blob);
+  if (contents.status != LDCodeSigningStatusOK) {
+    return fail(detail, contents.status, contents.detail);
+  }
+  if (const int32_t trust = LDVerifyChain(contents, anchors.store(), detail); trust != 0) {
+    return trust;
+  }
+  // Only a signature from a trusted signer is worth hashing the code for.
+  if (contents.manifest.size != location.codeSize) {
+    return fail(detail, errSecCSSignatureFailed,
+                "the signed size " + std::to_string(contents.manifest.size) +
+                    " is not the code's size " + std::to_string(location.codeSize));
+  }
+  std::array<uint8_t, 32> digest{};
+  if (!LDDigestOfDescriptor(fd, location.codeSize, digest)) {
+    return fail(detail, errSecCSSignatureNotVerifiable, "the code could not be read");
+  }
+  if (digest != contents.manifest.sha256) {
+    return fail(detail, errSecCSSignatureFailed, "the code does not match its signed digest");
+  }
+  if (requirement) {
+    const LDRequirementSubject subject{contents.manifest.identifier, contents.leafTeam, true};
+    if (std::optional<std::string> unmet = LDFirstUnmetClause(*requirement, subject)) {
+      return fail(detail, errSecCSReqFailed, "the code does not satisfy " + *unmet);
+    }
+  }
+  if (information) {
+    *information = LDSigningInformation{contents.manifest.identifier, contents.leafTeam,
+                                        subjectOf(contents.leaf.get()),
+                                        LDHex(digest.data(), digest.size())};
+  }
+  return LDCodeSigningStatusOK;
+}
+
+int32_t LDStaticCodeCreateWithPath(const std::string& path, std::unique_ptr<LDStaticCode>* code) {
+  // O_NONBLOCK: opening a FIFO must not wait for a writer; a regular file ignores the flag.
+  LDFileHandle file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  if (!file.isValid()) {
+    return errno == ENOENT || errno == ENOTDIR ? errSecCSStaticCodeNotFound
+                                               : errSecCSSignatureNotVerifiable;
+  }
+  struct stat status {};
+  if (::fstat(file.fileDescriptor(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return errSecCSStaticCodeNotFound;
+  }
+  *code = std::make_unique<LDStaticCode>(LDStaticCode{path, std::move(file)});
+  return LDCodeSigningStatusOK;
+}
+
+int32_t LDRequirementCreateWithString(std::string_view text,
+                                      std::unique_ptr<LDRequirement>* requirement) {
+  std::optional<LDRequirement> parsed = LDParseRequirement(text);
+  if (!parsed) return errSecCSReqInvalid;
+  *requirement = std::make_unique<LDRequirement>(std::move(*parsed));
+  return LDCodeSigningStatusOK;
+}
+
+int32_t LDStaticCodeCheckValidityWithErrors(const LDStaticCode& code,
+                                            const LDRequirement* requirement,
+                                            const LDTrustAnchors& anchors, std::string* detail) {
+  return LDCheckSignatureOfDescriptor(code.file.fileDescriptor(), requirement, anchors, detail);
+}
+
+LDCodeVerificationResult LDVerifyCodeAtURL(const std::string& path, std::string_view requirementText,
+                                           LDErrorPlace error, const LDTrustAnchors& anchors) {
+  std::unique_ptr<LDStaticCode> code;
+  const int32_t opened = LDStaticCodeCreateWithPath(path, &code);
+  if (opened != 0 || !code) {
+    if (error) {
+      *error = LDSigningError("No readable code at " + path + " (OSStatus " +
+                              std::to_string(opened) + ")");
+    }
+    return LDCodeVerificationUnverifiable;
+  }
+  std::unique_ptr<LDRequirement> requirement;
+  const int32_t compiled = LDRequirementCreateWithString(requirementText, &requirement);
+  if (compiled != 0 || !requirement) {
+    code.reset();
+    if (error) {
+      *error = LDSigningError("Unusable code-signing requirement (OSStatus " +
+                              std::to_string(compiled) + ")");
+    }
+    return LDCodeVerificationRejected;
+  }
+  std::string detail;
+  const int32_t status =
+      LDStaticCodeCheckValidityWithErrors(*code, requirement.get(), anchors, &detail);
+  requirement.reset();
+  code.reset();
+  if (status == 0) {
+    return LDCodeVerificationValid;
+  }
+  const std::string shownDetail = detail.empty() ? "no detail" : detail;
+  const bool rejected = (status >= errSecCSUnsigned && status <= errSecCSSignatureNotVerifiable) ||
+                        status == errSecCSReqFailed || status == errSecCSSignatureInvalid ||
+                        status == errSecCSSignatureUntrusted;
+  if (error) {
+    *error = LDSigningError((rejected ? path + " does not satisfy its code-signing requirement"
+                                      : "Could not verify " + path) +
+                            " (OSStatus " + std::to_string(status) + "): " + shownDetail);
+  }
+  return rejected ? LDCodeVerificationRejected : LDCodeVerificationUnverifiable;
+}
+
+std::optional<std::string> LDTeamIdentifierOfExecutable(const std::string& path,
+                                                        const LDTrustAnchors& anchors,
+                                                        LDErrorPlace error) {
+  std::unique_ptr<LDStaticCode> code;
+  const int32_t opened = LDStaticCodeCreateWithPath(path, &code);
+  if (opened != 0) {
+    if (error) {
+      *error = LDSigningError("SecCodeCopySelf failed with OSStatus " + std::to_string(opened));
+    }
+    return std::nullopt;
+  }
+  LDSigningInformation information;
+  const int32_t checked = LDCheckSignatureOfDescriptor(code->file.fileDescriptor(), nullptr,
+                                                       anchors, nullptr, &information);
+  if (checked != 0 && checked != errSecCSUnsigned) {
+    if (error) {
+      *error = LDSigningError("SecCodeCopySigningInformation failed with OSStatus " +
+                              std::to_string(checked));
+    }
+    return std::nullopt;
+  }
+  if (checked == errSecCSUnsigned || information.team.empty()) {
+    if (error) *error = LDSigningError(kNoTeamIdentifier);
+    return std::nullopt;
+  }
+  return information.team;
+}
+
+std::optional<std::string> LDCurrentTeamIdentifier(LDErrorPlace error) {
+  return LDTeamIdentifierOfExecutable("/proc/self/exe", LDTrustAnchors::compiledIn(), error);
+}
+
+std::optional<std::string> LDCodeSigningRequirementForIdentifier(std::string_view identifier,
+                                                                 LDErrorPlace error) {
+  const std::optional<std::string> team = LDCurrentTeamIdentifier(error);
+  if (!team) return std::nullopt;
+  return "identifier \"" + std::string(identifier) +
+         "\" and anchor apple generic and certificate leaf[subject.OU] = \"" + *team + "\"";
+}

@@ -1,0 +1,354 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+
+#include "shared/code_signing.h"
+#include "support/expect_error.h"
+#include "support/process.h"
+#include "support/test_pki.h"
+#include "tools/code_signer.h"
+
+namespace {
+
+using ldtest::readFile;
+using ldtest::TestIdentity;
+using ldtest::TestPki;
+using ldtest::writeFile;
+
+constexpr const char* kIdentifier = "com.example.signed";
+constexpr const char* kTeam = "TEAMONE001";
+
+std::string requirementFor(const std::string& identifier, const std::string& team) {
+  return "identifier \"" + identifier + "\" and anchor apple generic and certificate leaf[subject.OU] = \"" +
+         team + "\"";
+}
+
+// One PKI for the whole table: a trusted root with an intermediate, an untrusted root, and
+// leaves of every kind.
+class Pki {
+ public:
+  Pki() : pki(directory.path()) {
+    root = pki.makeRoot("Trusted Root");
+    intermediate = pki.makeIntermediate(root, "Trusted Intermediate");
+    otherRoot = pki.makeRoot("Other Root");
+    leaf = pki.makeLeaf(root, "Leaf");
+    viaIntermediate = pki.makeLeaf(intermediate, "Leaf Via Intermediate");
+    noUsage = pki.makeLeaf(root, "Leaf Without Extended Usage", {.extendedUsage = ""});
+    serverOnly = pki.makeLeaf(root, "Leaf For Servers", {.extendedUsage = "serverAuth,clientAuth"});
+    otherCa = pki.makeLeaf(otherRoot, "Leaf Of Other Root");
+    expired = pki.makeLeaf(root, "Expired Leaf", {.expired = true});
+    chainPath = pki.writeBundle("chain.pem", TestPki::pemOf(intermediate));
+    anchors = LDTrustAnchors::fromPEM(TestPki::pemOf(root));
+  }
+
+  ldtest::TemporaryDirectory directory;
+  TestPki pki;
+  TestIdentity root, intermediate, otherRoot, leaf, viaIntermediate, noUsage, serverOnly, otherCa, expired;
+  std::string chainPath;
+  LDTrustAnchors anchors = LDTrustAnchors::fromPEM("");
+};
+
+Pki& pki() {
+  static Pki* shared = new Pki();  // lives for the test program; its directory goes with /tmp
+  return *shared;
+}
+
+std::string randomCode(size_t size) {
+  std::mt19937 generator(7);
+  std::string code(size, '\0');
+  for (char& c : code) c = static_cast<char>(generator());
+  return code;
+}
+
+LDSigningIdentity identityOf(const TestIdentity& identity, const std::string& chain = "") {
+  std::string error;
+  std::optional<LDSigningIdentity> loaded =
+      LDLoadSigningIdentity(identity.keyPath, identity.certificatePath, chain, &error);
+  if (!loaded) throw std::runtime_error(error);
+  return std::move(*loaded);
+}
+
+void signOrThrow(const std::string& path, const LDSigningIdentity& identity) {
+  std::string error;
+  if (!LDSignFile(path, kIdentifier, identity, &error)) throw std::runtime_error(error);
+}
+
+// Replaces the CMS blob of a signed file while keeping the code and a matching trailer.
+void replaceBlob(const std::string& path, const std::string& blob) {
+  const std::string file = readFile(path);
+  const LDSignatureLocation location =
+      LDLocateSignature(file.size(), std::string_view(file).substr(file.size() - LDSignatureTrailerSize));
+  writeFile(path, file.substr(0, location.codeSize) + blob +
+                      LDFormatSignatureTrailer(static_cast<uint32_t>(blob.size())));
+}
+
+// A signature over an arbitrary manifest text, by the trusted leaf.
+void signManifest(const std::string& path, const std::string& manifest) {
+  std::string error;
+  const std::optional<std::string> blob = LDMakeSignatureBlob(manifest, identityOf(pki().leaf), &error);
+  if (!blob) throw std::runtime_error(error);
+  replaceBlob(path, *blob);
+}
+
+std::string manifestFor(const std::string& code, const std::string& team, uint64_t size) {
+  LDSignatureManifest manifest{kIdentifier, team, size, {}};
+  EVP_Digest(code.data(), code.size(), manifest.sha256.data(), nullptr, EVP_sha256(), nullptr);
+  return LDFormatManifest(manifest);
+}
+
+struct VerificationCase {
+  const char* name;
+  // Prepares the file at path (which holds unsigned code) and returns the requirement text.
+  std::function<std::string(const std::string& path, const std::string& code)> prepare;
+  LDCodeVerificationResult result;
+  std::optional<int32_t> status;  // the OSStatus the message carries
+};
+
+class VerificationTest : public testing::TestWithParam<VerificationCase> {};
+
+TEST_P(VerificationTest, ResultAndMessage) {
+  const VerificationCase& c = GetParam();
+  ldtest::TemporaryDirectory directory;
+  const std::string path = directory.file("program");
+  const std::string code = randomCode(100'000);
+  writeFile(path, code);
+  const std::string requirement = c.prepare(path, code);
+
+  std::optional<LDError> error;
+  EXPECT_EQ(LDVerifyCodeAtURL(path, requirement, &error, pki().anchors), c.result);
+  EXPECT_EQ(LDVerifyCodeAtURL(path, requirement, nullptr, pki().anchors), c.result) << "without an error place";
+  if (c.result == LDCodeVerificationValid) {
+    EXPECT_FALSE(error.has_value()) << error->description();
+    return;
+  }
+  ASSERT_TRUE(error.has_value());
+  EXPECT_EQ(error->code(), LDListenerErrorValidation);
+  EXPECT_EQ(error->domain(), LDListenerErrorDomain);
+  const std::string status = std::to_string(*c.status);
+  const std::string& text = error->description();
+  if (text.rfind("No readable code at", 0) == 0) {
+    EXPECT_EQ(text, "No readable code at " + path + " (OSStatus " + status + ")");
+  } else if (text.rfind("Unusable", 0) == 0) {
+    EXPECT_EQ(text, "Unusable code-signing requirement (OSStatus " + status + ")");
+  } else if (c.result == LDCodeVerificationRejected) {
+    const std::string prefix = path + " does not satisfy its code-signing requirement (OSStatus " + status + "): ";
+    EXPECT_EQ(text.substr(0, prefix.size()), prefix) << text;
+    EXPECT_GT(text.size(), prefix.size()) << "a detail follows";
+  } else {
+    const std::string prefix = "Could not verify " + path + " (OSStatus " + status + "): ";
+    EXPECT_EQ(text.substr(0, prefix.size()), prefix) << text;
+  }
+}
+
+const auto kRequirement = [](const std::string&, const std::string&) { return requirementFor(kIdentifier, kTeam); };
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, VerificationTest,
+    testing::Values(
+        VerificationCase{"Valid",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationValid, std::nullopt},
+        VerificationCase{"ResignedReplacesTheOldSignature",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().otherCa));
+                           signOrThrow(p, identityOf(pki().leaf));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationValid, std::nullopt},
+        VerificationCase{"WrongIdentifier",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           return requirementFor("com.example.other", kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSReqFailed},
+        VerificationCase{"WrongTeam",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           return requirementFor(kIdentifier, "TEAMTWO002");
+                         },
+                         LDCodeVerificationRejected, errSecCSReqFailed},
+        VerificationCase{"UntrustedCA",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().otherCa));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureUntrusted},
+        VerificationCase{"LeafWithoutExtendedUsage",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().noUsage));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureUntrusted},
+        VerificationCase{"LeafForServersOnly",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().serverOnly));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureUntrusted},
+        VerificationCase{"IntermediatePresent",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().viaIntermediate, pki().chainPath));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationValid, std::nullopt},
+        VerificationCase{"IntermediateAbsent",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().viaIntermediate));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureUntrusted},
+        VerificationCase{"ExpiredCertificateStillValid",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().expired));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationValid, std::nullopt},
+        VerificationCase{"OneFlippedByteOfCode",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           std::string file = readFile(p);
+                           file[5000] = static_cast<char>(file[5000] ^ 0x01);
+                           writeFile(p, file);
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureFailed},
+        VerificationCase{"Unsigned", kRequirement, LDCodeVerificationRejected, errSecCSUnsigned},
+        VerificationCase{"Stripped",
+                         [](const std::string& p, const std::string& code) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           writeFile(p, readFile(p).substr(0, code.size()));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSUnsigned},
+        // The magic no longer ends the file, so nothing says it was ever signed.
+        VerificationCase{"TrailerCutShort",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           const std::string file = readFile(p);
+                           writeFile(p, file.substr(0, file.size() - 1));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSUnsigned},
+        VerificationCase{"BlobCutShort",
+                         [](const std::string& p, const std::string& code) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           const std::string file = readFile(p);
+                           writeFile(p, file.substr(0, code.size()) + file.substr(code.size() + 10));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureInvalid},
+        VerificationCase{"InfoMarkerWrong",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           std::string file = readFile(p);
+                           file[file.size() - LDSignatureTrailerSize + 2] = 3;
+                           writeFile(p, file);
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureInvalid},
+        VerificationCase{"LengthBeyondTheFile",
+                         [](const std::string& p, const std::string&) {
+                           writeFile(p, "tiny" + LDFormatSignatureTrailer(100));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureInvalid},
+        VerificationCase{"GarbageCms",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           replaceBlob(p, randomCode(700));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureInvalid},
+        VerificationCase{"ManifestTeamDiffersFromLeaf",
+                         [](const std::string& p, const std::string& code) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           signManifest(p, manifestFor(code, "TEAMTWO002", code.size()));
+                           return requirementFor(kIdentifier, "TEAMTWO002");
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureInvalid},
+        VerificationCase{"MalformedManifest",
+                         [](const std::string& p, const std::string& code) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           signManifest(p, manifestFor(code, kTeam, code.size()) + "extra 1\n");
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureInvalid},
+        VerificationCase{"SignedSizeDiffers",
+                         [](const std::string& p, const std::string& code) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           signManifest(p, manifestFor(code, kTeam, code.size() - 1));
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationRejected, errSecCSSignatureFailed},
+        VerificationCase{"NonexistentPath",
+                         [](const std::string& p, const std::string&) {
+                           ::unlink(p.c_str());
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationUnverifiable, errSecCSStaticCodeNotFound},
+        VerificationCase{"Directory",
+                         [](const std::string& p, const std::string&) {
+                           ::unlink(p.c_str());
+                           ::mkdir(p.c_str(), 0755);
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationUnverifiable, errSecCSStaticCodeNotFound},
+        // A FIFO must neither block the open nor be read as code.
+        VerificationCase{"Fifo",
+                         [](const std::string& p, const std::string&) {
+                           ::unlink(p.c_str());
+                           ::mkfifo(p.c_str(), 0644);
+                           return requirementFor(kIdentifier, kTeam);
+                         },
+                         LDCodeVerificationUnverifiable, errSecCSStaticCodeNotFound},
+        VerificationCase{"BrokenRequirement",
+                         [](const std::string& p, const std::string&) {
+                           signOrThrow(p, identityOf(pki().leaf));
+                           return std::string("identifier \"com.example.signed\" and anchor apple");
+                         },
+                         LDCodeVerificationRejected, errSecCSReqInvalid}),
+    ldtest::CaseName());
+
+// Root may read anything, so an unreadable file is tried from a child running as nobody.
+TEST(CodeVerification, UnreadableFileCannotBeVerified) {
+  ldtest::TemporaryDirectory directory;
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0755), 0);
+  const std::string path = directory.file("secret");
+  writeFile(path, "code", 0600);
+  ASSERT_EQ(::geteuid(), 0u) << "run the test command as root";
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) ::_exit(3);
+    std::optional<LDError> error;
+    const LDCodeVerificationResult result = LDVerifyCodeAtURL(path, requirementFor(kIdentifier, kTeam), &error);
+    const bool ok = result == LDCodeVerificationUnverifiable && error &&
+                    error->description() == "No readable code at " + path + " (OSStatus -67060)";
+    ::_exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+}
+
+TEST(CodeVerification, SigningKeepsTheModeAndTheCodeStillRuns) {
+  ldtest::TemporaryDirectory directory;
+  const std::string path = directory.file("true");
+  writeFile(path, readFile("/bin/true"), 0750);
+  signOrThrow(path, identityOf(pki().leaf));
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0750u);
+  EXPECT_EQ(ldtest::runProgram({path}).exitStatus, 0) << "the loader ignores the appended signature";
+  EXPECT_EQ(LDVerifyCodeAtURL(path, requirementFor(kIdentifier, kTeam), nullptr, pki().anchors),
+            LDCodeVerificationValid);
+}
+
+}  // namespace

@@ -1,0 +1,63 @@
+#include "support/process.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace ldtest {
+
+ProcessResult runProgram(const std::vector<std::string>& argv, int runAsUid) {
+  int out[2], err[2];
+  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+  std::vector<char*> arguments;
+  for (const std::string& word : argv) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  const pid_t child = ::fork();
+  if (child < 0) throw std::runtime_error("fork");
+  if (child == 0) {
+    ::dup2(out[1], 1);
+    ::dup2(err[1], 2);
+    if (runAsUid >= 0) {
+      const passwd* user = ::getpwuid(static_cast<uid_t>(runAsUid));
+      const gid_t group = user ? user->pw_gid : static_cast<gid_t>(runAsUid);
+      if (::setgroups(0, nullptr) != 0 || ::setresgid(group, group, group) != 0 ||
+          ::setresuid(static_cast<uid_t>(runAsUid), static_cast<uid_t>(runAsUid),
+                      static_cast<uid_t>(runAsUid)) != 0) {
+        ::_exit(126);
+      }
+    }
+    ::execv(arguments[0], arguments.data());
+    ::_exit(127);
+  }
+  ::close(out[1]);
+  ::close(err[1]);
+  ProcessResult result{-1, "", ""};
+  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+  int open = 2;
+  while (open > 0) {
+    if (::poll(fds, 2, -1) < 0) break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      char buffer[4096];
+      const ssize_t got = ::read(fds[i].fd, buffer, sizeof buffer);
+      if (got <= 0) {
+        ::close(fds[i].fd);
+        fds[i].fd = -1;
+        --open;
+      } else {
+        (i == 0 ? result.standardOutput : result.standardError).append(buffer, static_cast<size_t>(got));
+      }
+    }
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
+
+}  // namespace ldtest

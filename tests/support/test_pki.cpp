@@ -1,0 +1,144 @@
+#include "support/test_pki.h"
+
+#include <openssl/ec.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace ldtest {
+
+namespace {
+
+void check(bool ok, const char* what) {
+  if (!ok) throw std::runtime_error(std::string("test PKI: ") + what);
+}
+
+void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
+  X509V3_CTX context;
+  X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+  check(extension != nullptr, "extension");
+  X509_add_ext(certificate, extension, -1);
+  X509_EXTENSION_free(extension);
+}
+
+std::string pemOfKey(EVP_PKEY* key) {
+  ldssl::Bio out(BIO_new(BIO_s_mem()));
+  PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(out.get(), &data);
+  return std::string(data, static_cast<size_t>(length));
+}
+
+std::string pemOfCertificate(X509* certificate) {
+  ldssl::Bio out(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(out.get(), certificate);
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(out.get(), &data);
+  return std::string(data, static_cast<size_t>(length));
+}
+
+}  // namespace
+
+std::string TestPki::pemOf(const TestIdentity& identity) {
+  return pemOfCertificate(identity.certificate.get());
+}
+
+TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, bool authority,
+                           const LeafOptions& options) {
+  TestIdentity identity;
+  identity.key.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
+  check(identity.key != nullptr, "key");
+  identity.certificate.reset(X509_new());
+  X509* certificate = identity.certificate.get();
+  X509_set_version(certificate, 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(certificate), _serial++);
+  const long year = 365L * 24 * 3600;
+  X509_gmtime_adj(X509_getm_notBefore(certificate), options.expired ? -2 * year : -3600);
+  X509_gmtime_adj(X509_getm_notAfter(certificate), options.expired ? -year : 10 * year);
+  X509_set_pubkey(certificate, identity.key.get());
+  X509_NAME* subject = X509_get_subject_name(certificate);
+  const auto add = [subject](const char* field, const std::string& value) {
+    X509_NAME_add_entry_by_txt(subject, field, MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(value.c_str()), -1, -1, 0);
+  };
+  add("O", "Quillfern Test");
+  if (!authority && options.team) add("OU", *options.team);
+  if (!authority && options.secondOrganizationalUnit) add("OU", "SECONDUNIT");
+  add("CN", name);
+  X509* issuerCertificate = issuer ? issuer->certificate.get() : certificate;
+  X509_set_issuer_name(certificate, X509_get_subject_name(issuerCertificate));
+  if (authority) {
+    addExtension(certificate, issuerCertificate, NID_basic_constraints, "critical,CA:TRUE");
+    addExtension(certificate, issuerCertificate, NID_key_usage, "critical,keyCertSign,cRLSign");
+  } else {
+    addExtension(certificate, issuerCertificate, NID_basic_constraints, "critical,CA:FALSE");
+    addExtension(certificate, issuerCertificate, NID_key_usage, "critical,digitalSignature");
+    if (!options.extendedUsage.empty()) {
+      addExtension(certificate, issuerCertificate, NID_ext_key_usage, options.extendedUsage.c_str());
+    }
+  }
+  addExtension(certificate, issuerCertificate, NID_subject_key_identifier, "hash");
+  EVP_PKEY* signingKey = issuer ? issuer->key.get() : identity.key.get();
+  check(X509_sign(certificate, signingKey, EVP_sha256()) > 0, "sign");
+
+  std::string file = name;
+  for (char& c : file) if (c == ' ') c = '-';
+  identity.keyPath = _directory + "/" + file + ".key";
+  identity.certificatePath = _directory + "/" + file + ".pem";
+  writeFile(identity.keyPath, pemOfKey(identity.key.get()), 0600);
+  writeFile(identity.certificatePath, pemOfCertificate(certificate), 0644);
+  return identity;
+}
+
+TestIdentity TestPki::makeRoot(const std::string& name) { return make(nullptr, name, true, {}); }
+
+TestIdentity TestPki::makeIntermediate(const TestIdentity& issuer, const std::string& name) {
+  return make(&issuer, name, true, {});
+}
+
+TestIdentity TestPki::makeLeaf(const TestIdentity& issuer, const std::string& name,
+                               const LeafOptions& options) {
+  return make(&issuer, name, false, options);
+}
+
+std::string TestPki::writeBundle(const std::string& name, const std::string& pem) {
+  const std::string path = _directory + "/" + name;
+  writeFile(path, pem, 0644);
+  return path;
+}
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::string pattern = "/tmp/ld-test-XXXXXX";
+  check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");
+  _path = pattern;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(_path, ignored);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream input(path, std::ios::binary);
+  std::ostringstream content;
+  content << input.rdbuf();
+  return content.str();
+}
+
+void writeFile(const std::string& path, const std::string& content, unsigned mode) {
+  {
+    std::ofstream output(path, std::ios::binary | std::ios::trunc);
+    output << content;
+    check(static_cast<bool>(output), "write");
+  }
+  ::chmod(path.c_str(), mode);
+}
+
+}  // namespace ldtest

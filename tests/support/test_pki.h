@@ -1,0 +1,65 @@
+#pragma once
+
+// Certificate authorities and leaves made at test time with libcrypto, written as PEM files into
+// a temporary directory, for signing and verifying test programs.
+
+#include <optional>
+#include <string>
+
+#include "shared/openssl_handles.h"
+
+namespace ldtest {
+
+struct TestIdentity {
+  ldssl::Key key;
+  ldssl::Certificate certificate;
+  std::string keyPath;
+  std::string certificatePath;
+};
+
+struct LeafOptions {
+  std::optional<std::string> team = "TEAMONE001";  // the subject OU; none when nullopt
+  std::string extendedUsage = "codeSigning";        // the extended key usage; "" for none
+  bool expired = false;                             // validity ended a year ago
+  bool secondOrganizationalUnit = false;            // a second OU in the subject
+};
+
+class TestPki {
+ public:
+  // Files go below directory, which must exist.
+  explicit TestPki(std::string directory) : _directory(std::move(directory)) {}
+
+  TestIdentity makeRoot(const std::string& name);
+  TestIdentity makeIntermediate(const TestIdentity& issuer, const std::string& name);
+  TestIdentity makeLeaf(const TestIdentity& issuer, const std::string& name,
+                        const LeafOptions& options = {});
+
+  // A PEM file holding the given certificates, one after the other.
+  std::string writeBundle(const std::string& name, const std::string& pem);
+  static std::string pemOf(const TestIdentity& identity);
+
+ private:
+  TestIdentity make(const TestIdentity* issuer, const std::string& name, bool authority,
+                    const LeafOptions& options);
+  std::string _directory;
+  long _serial = 1;
+};
+
+// A fresh private directory under /tmp, removed with its contents on destruction.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  const std::string& path() const { return _path; }
+  std::string file(const std::string& name) const { return _path + "/" + name; }
+
+ private:
+  std::string _path;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& content, unsigned mode = 0755);
+
+}  // namespace ldtest

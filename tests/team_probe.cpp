@@ -1,0 +1,17 @@
+// A program that reports its own team identity, run by the tests as a signed and an unsigned
+// copy. Prints the client requirement for argv[1], or the error, and exits 0 or 1.
+#include <cstdio>
+
+#include "shared/code_signing.h"
+
+int main(int argc, char** argv) {
+  std::optional<LDError> error;
+  const std::optional<std::string> requirement =
+      LDCodeSigningRequirementForIdentifier(argc > 1 ? argv[1] : "com.example.client", &error);
+  if (requirement) {
+    std::printf("%s\n", requirement->c_str());
+    return 0;
+  }
+  std::printf("%s\n", error ? error->description().c_str() : "no error value");
+  return 1;
+}
