@@ -1,0 +1,23 @@
+// The input is a whole file image: trailer, CMS blob and manifest are parsed as the verifier
+// would parse a peer's executable.
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "shared/code_signature.h"
+#include "shared/trust_anchors.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string_view file(reinterpret_cast<const char*>(data), size);
+  (void)LDParseManifest(file);
+  const std::string_view tail = file.substr(size - std::min(size, LDSignatureTrailerSize));
+  const LDSignatureLocation location = LDLocateSignature(size, tail);
+  if (location.status != 0) return 0;
+  const LDSignatureContents contents =
+      LDReadSignatureBlob(file.substr(location.codeSize, location.blobSize));
+  if (contents.status == 0) {
+    std::string detail;
+    (void)LDVerifyChain(contents, LDTrustAnchors::compiledIn().store(), &detail);
+  }
+  return 0;
+}
