@@ -1,0 +1,84 @@
+#include "platform/run_loop.h"
+
+#include <sys/epoll.h>
+#include <time.h>
+
+#include <cerrno>
+#include <vector>
+
+LDRunLoop::LDRunLoop() : _epoll(::epoll_create1(EPOLL_CLOEXEC)) {}
+
+int64_t LDRunLoop::now() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+void LDRunLoop::watch(int fd, uint32_t events, Handler handler) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  (void)::epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_ADD, fd, &event);
+  _watches[fd] = Watch{_nextGeneration++, std::move(handler)};
+}
+
+void LDRunLoop::modify(int fd, uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  (void)::epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void LDRunLoop::unwatch(int fd) {
+  (void)::epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_DEL, fd, nullptr);
+  _watches.erase(fd);
+}
+
+uint64_t LDRunLoop::runAt(int64_t deadlineNanoseconds, std::function<void()> fn) {
+  const uint64_t identifier = _nextGeneration++;
+  _timers.emplace(deadlineNanoseconds, std::make_pair(identifier, std::move(fn)));
+  return identifier;
+}
+
+void LDRunLoop::cancel(uint64_t identifier) {
+  for (auto it = _timers.begin(); it != _timers.end(); ++it) {
+    if (it->second.first == identifier) {
+      _timers.erase(it);
+      return;
+    }
+  }
+}
+
+void LDRunLoop::run() {
+  std::vector<epoll_event> events(16);
+  while (!_stopping) {
+    int timeout = -1;
+    if (!_timers.empty()) {
+      const int64_t wait = _timers.begin()->first - now();
+      timeout = wait <= 0 ? 0 : static_cast<int>(std::min<int64_t>(wait / 1'000'000 + 1, 60'000));
+    }
+    const int ready = ::epoll_wait(_epoll.fileDescriptor(), events.data(),
+                                   static_cast<int>(events.size()), timeout);
+    if (ready < 0 && errno != EINTR) return;
+    // Remember which registration each event belongs to: a handler may unwatch a descriptor
+    // (and its number may be reused for a new one) before its event is looked at.
+    std::vector<std::pair<int, uint64_t>> due;
+    for (int i = 0; i < ready; ++i) {
+      const auto found = _watches.find(events[static_cast<size_t>(i)].data.fd);
+      due.emplace_back(found == _watches.end() ? -1 : found->first,
+                       found == _watches.end() ? 0 : found->second.generation);
+    }
+    for (int i = 0; i < ready && !_stopping; ++i) {
+      const auto [fd, generation] = due[static_cast<size_t>(i)];
+      const auto found = _watches.find(fd);
+      if (fd < 0 || found == _watches.end() || found->second.generation != generation) continue;
+      Handler handler = found->second.handler;  // the handler may unwatch itself
+      handler(events[static_cast<size_t>(i)].events);
+    }
+    while (!_stopping && !_timers.empty() && _timers.begin()->first <= now()) {
+      std::function<void()> fn = std::move(_timers.begin()->second.second);
+      _timers.erase(_timers.begin());
+      fn();
+    }
+  }
+}

@@ -1,0 +1,237 @@
+#include "platform/wire.h"
+
+#include <bit>
+
+namespace {
+
+class Writer {
+ public:
+  void u8(uint8_t value) { _bytes.push_back(static_cast<char>(value)); }
+  void u16(uint16_t value) { little(value, 2); }
+  void u32(uint32_t value) { little(value, 4); }
+  void i32(int32_t value) { little(static_cast<uint32_t>(value), 4); }
+  void i64(int64_t value) { little(static_cast<uint64_t>(value), 8); }
+  void string(const std::optional<std::string>& value) {
+    if (!value) {
+      u32(LDWireNoString);
+      return;
+    }
+    size_t length = std::min(value->size(), LDWireMaximumStringSize);
+    // Never cut inside a UTF-8 sequence: step back over continuation bytes.
+    while (length < value->size() && length > 0 &&
+           (static_cast<unsigned char>((*value)[length]) & 0xC0) == 0x80) {
+      --length;
+    }
+    u32(static_cast<uint32_t>(length));
+    _bytes.append(*value, 0, length);
+  }
+  std::string take() { return std::move(_bytes); }
+
+ private:
+  void little(uint64_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) _bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
+  }
+  std::string _bytes;
+};
+
+class Reader {
+ public:
+  explicit Reader(std::string_view bytes) : _bytes(bytes) {}
+
+  bool u8(uint8_t& value) {
+    uint64_t raw;
+    if (!little(raw, 1)) return false;
+    value = static_cast<uint8_t>(raw);
+    return true;
+  }
+  bool u16(uint16_t& value) {
+    uint64_t raw;
+    if (!little(raw, 2)) return false;
+    value = static_cast<uint16_t>(raw);
+    return true;
+  }
+  bool u32(uint32_t& value) {
+    uint64_t raw;
+    if (!little(raw, 4)) return false;
+    value = static_cast<uint32_t>(raw);
+    return true;
+  }
+  bool i32(int32_t& value) {
+    uint32_t raw;
+    if (!u32(raw)) return false;
+    value = static_cast<int32_t>(raw);
+    return true;
+  }
+  bool i64(int64_t& value) {
+    uint64_t raw;
+    if (!little(raw, 8)) return false;
+    value = static_cast<int64_t>(raw);
+    return true;
+  }
+  bool string(std::optional<std::string>& value) {
+    uint32_t length;
+    if (!u32(length)) return false;
+    if (length == LDWireNoString) {
+      value.reset();
+      return true;
+    }
+    if (length > LDWireMaximumStringSize || length > _bytes.size()) return false;
+    std::string_view text = _bytes.substr(0, length);
+    if (!isUtf8(text)) return false;
+    value = std::string(text);
+    _bytes.remove_prefix(length);
+    return true;
+  }
+  bool atEnd() const { return _bytes.empty(); }
+
+ private:
+  bool little(uint64_t& value, size_t bytes) {
+    if (_bytes.size() < bytes) return false;
+    value = 0;
+    for (size_t i = 0; i < bytes; ++i) {
+      value |= uint64_t{static_cast<unsigned char>(_bytes[i])} << (8 * i);
+    }
+    _bytes.remove_prefix(bytes);
+    return true;
+  }
+
+  // Well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+  static bool isUtf8(std::string_view text) {
+    size_t i = 0;
+    while (i < text.size()) {
+      const auto byte = static_cast<unsigned char>(text[i]);
+      size_t extra;
+      uint32_t code;
+      if (byte < 0x80) {
+        ++i;
+        continue;
+      } else if ((byte & 0xE0) == 0xC0) {
+        extra = 1;
+        code = byte & 0x1F;
+      } else if ((byte & 0xF0) == 0xE0) {
+        extra = 2;
+        code = byte & 0x0F;
+      } else if ((byte & 0xF8) == 0xF0) {
+        extra = 3;
+        code = byte & 0x07;
+      } else {
+        return false;
+      }
+      if (i + extra >= text.size()) return false;
+      for (size_t k = 1; k <= extra; ++k) {
+        const auto next = static_cast<unsigned char>(text[i + k]);
+        if ((next & 0xC0) != 0x80) return false;
+        code = code << 6 | (next & 0x3F);
+      }
+      static constexpr uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
+      if (code < kSmallest[extra] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+        return false;
+      }
+      i += extra + 1;
+    }
+    return true;
+  }
+
+  std::string_view _bytes;
+};
+
+template <class... Ts>
+struct Overloaded : Ts... {
+  using Ts::operator()...;
+};
+
+}  // namespace
+
+std::string LDEncodeMessage(const LDMessage& message) {
+  Writer writer;
+  writer.u32(LDWireMagic);
+  std::visit(Overloaded{
+                 [&](const LDHelloMessage&) { writer.u16(static_cast<uint16_t>(LDMessageType::hello)); },
+                 [&](const LDRequestMessage& m) {
+                   writer.u16(static_cast<uint16_t>(LDMessageType::request));
+                   writer.i64(m.protocolVersion);
+                 },
+                 [&](const LDRequestReplyMessage& m) {
+                   writer.u16(static_cast<uint16_t>(LDMessageType::requestReply));
+                   writer.i64(m.protocolVersion);
+                   writer.i64(m.status);
+                   writer.string(m.token);
+                   writer.u8(m.handles);
+                   writer.i32(m.helperProcessIdentifier);
+                   writer.string(m.message);
+                 },
+                 [&](const LDCompleteMessage& m) {
+                   writer.u16(static_cast<uint16_t>(LDMessageType::complete));
+                   writer.i64(m.protocolVersion);
+                   writer.string(m.token);
+                   writer.u8(m.accepted ? 1 : 0);
+                 },
+                 [&](const LDCompleteReplyMessage& m) {
+                   writer.u16(static_cast<uint16_t>(LDMessageType::completeReply));
+                   writer.i64(m.protocolVersion);
+                   writer.i64(m.status);
+                   writer.string(m.message);
+                 },
+             },
+             message);
+  return writer.take();
+}
+
+size_t LDDescriptorCount(const LDMessage& message) {
+  if (const auto* reply = std::get_if<LDRequestReplyMessage>(&message)) {
+    return static_cast<size_t>(std::popcount(reply->handles));
+  }
+  return 0;
+}
+
+std::optional<LDMessage> LDDecodeMessage(std::string_view packet, size_t descriptorCount) {
+  if (packet.size() > LDWireMaximumPacketSize) return std::nullopt;
+  Reader reader(packet);
+  uint32_t magic;
+  uint16_t type;
+  if (!reader.u32(magic) || magic != LDWireMagic || !reader.u16(type)) return std::nullopt;
+  std::optional<LDMessage> message;
+  switch (static_cast<LDMessageType>(type)) {
+    case LDMessageType::hello:
+      message = LDHelloMessage{};
+      break;
+    case LDMessageType::request: {
+      LDRequestMessage m{};
+      if (!reader.i64(m.protocolVersion)) return std::nullopt;
+      message = m;
+      break;
+    }
+    case LDMessageType::requestReply: {
+      LDRequestReplyMessage m{};
+      if (!reader.i64(m.protocolVersion) || !reader.i64(m.status) || !reader.string(m.token) ||
+          !reader.u8(m.handles) || !reader.i32(m.helperProcessIdentifier) || !reader.string(m.message)) {
+        return std::nullopt;
+      }
+      if ((m.handles & ~(LDWireHandleIPv4 | LDWireHandleIPv6)) != 0) return std::nullopt;
+      message = std::move(m);
+      break;
+    }
+    case LDMessageType::complete: {
+      LDCompleteMessage m{};
+      uint8_t accepted;
+      if (!reader.i64(m.protocolVersion) || !reader.string(m.token) || !reader.u8(accepted)) {
+        return std::nullopt;
+      }
+      m.accepted = accepted != 0;
+      message = std::move(m);
+      break;
+    }
+    case LDMessageType::completeReply: {
+      LDCompleteReplyMessage m{};
+      if (!reader.i64(m.protocolVersion) || !reader.i64(m.status) || !reader.string(m.message)) {
+        return std::nullopt;
+      }
+      message = std::move(m);
+      break;
+    }
+    default:
+      return std::nullopt;
+  }
+  if (!reader.atEnd() || LDDescriptorCount(*message) != descriptorCount) return std::nullopt;
+  return message;
+}
