@@ -1,0 +1,193 @@
+#include "client/listener_client.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+
+#include "platform/seqpacket.h"
+#include "platform/socket_activation.h"
+#include "platform/wire.h"
+#include "shared/loopback_listeners.h"
+
+namespace {
+
+int64_t monotonicMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+LDError problem(const std::string& text) { return LDEndpointError(text); }
+
+// One message from the helper within the deadline, with its descriptors owned.
+struct Received {
+  std::optional<LDMessage> message;
+  std::vector<LDFileHandle> descriptors;
+};
+
+std::optional<Received> receive(int fd, int64_t deadline, const std::string& waitingFor,
+                                LDErrorPlace error) {
+  for (;;) {
+    const int64_t left = deadline - monotonicMilliseconds();
+    pollfd entry{fd, POLLIN, 0};
+    const int ready = left <= 0 ? 0 : ::poll(&entry, 1, static_cast<int>(left));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      if (error) *error = problem("The helper did not answer in time while " + waitingFor + ".");
+      return std::nullopt;
+    }
+    LDReceivedPacket packet;
+    int errorNumber = 0;
+    switch (LDReceivePacket(fd, LDWireMaximumPacketSize, &packet, &errorNumber)) {
+      case LDReceiveResult::wouldBlock:
+        continue;
+      case LDReceiveResult::packet: {
+        Received received{LDDecodeMessage(packet.bytes, packet.descriptors.size()),
+                          std::move(packet.descriptors)};
+        if (!received.message) {
+          if (error) *error = problem("The helper sent a malformed message while " + waitingFor + ".");
+          return std::nullopt;
+        }
+        return received;
+      }
+      default:
+        if (error) {
+          *error = problem("The helper closed the connection while " + waitingFor +
+                           ". It refuses programs that are not signed as " +
+                           std::string(LDAppSigningIdentifier) +
+                           " by the same team as the helper, or whose executable is not owned by "
+                           "root and protected from writes by others.");
+        }
+        return std::nullopt;
+    }
+  }
+}
+
+bool sendMessage(int fd, const LDMessage& message, LDErrorPlace error) {
+  const int errorNumber = LDSendPacket(fd, LDEncodeMessage(message), {}, false);
+  if (errorNumber != 0) {
+    if (error) *error = LDSystemCallError("sendmsg(helper)", errorNumber);
+    return false;
+  }
+  return true;
+}
+
+std::string adviceFor(int64_t status, const std::optional<std::string>& message, uint16_t port) {
+  const std::string detail = message.value_or("no message");
+  switch (status) {
+    case 3:
+      return "The helper speaks another protocol version (" + detail +
+             "): install the helper that came with this application.";
+    case 4:
+      return "Another program is taking the listeners from the helper right now (" + detail +
+             "): try again in a moment.";
+    case 8:
+      return "Port " + std::to_string(port) +
+             " on 127.0.0.1 or ::1 is already in use by another program (" + detail +
+             "): stop that program and try again.";
+    default:
+      return "The helper could not create the listeners (status " + std::to_string(status) +
+             ": " + detail + ").";
+  }
+}
+
+}  // namespace
+
+std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options,
+                                                      LDErrorPlace error) {
+  const std::string path = options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    if (error) *error = problem("The helper's socket path is too long: " + path);
+    return std::nullopt;
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  if (!socket.isValid()) {
+    if (error) *error = LDSystemCallError("socket(AF_UNIX)", errno);
+    return std::nullopt;
+  }
+  if (::connect(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    const int errorNumber = errno;
+    if (error) {
+      if (errorNumber == ENOENT) {
+        *error = problem("The helper is not installed: there is no socket at " + path +
+                         ". Install quillfern-local-domain-listener and enable " +
+                         std::string(LDMachServiceName) + ".socket.");
+      } else if (errorNumber == ECONNREFUSED) {
+        *error = problem("Nothing is listening at " + path + ": start " +
+                         std::string(LDMachServiceName) + ".socket.");
+      } else if (errorNumber == EACCES) {
+        *error = problem("This user may not connect to " + path + " (permission denied).");
+      } else {
+        *error = LDSystemCallError("connect(" + path + ")", errorNumber);
+      }
+    }
+    return std::nullopt;
+  }
+
+  const auto activation = static_cast<int64_t>(std::ceil(options.activationTimeout * 1000));
+  const int64_t helloDeadline = monotonicMilliseconds() + activation;
+  std::optional<Received> hello = receive(socket.fileDescriptor(), helloDeadline, "waiting to be admitted", error);
+  if (!hello) return std::nullopt;
+  if (!std::holds_alternative<LDHelloMessage>(*hello->message)) {
+    if (error) *error = problem("The helper did not greet this program as expected.");
+    return std::nullopt;
+  }
+
+  if (!sendMessage(socket.fileDescriptor(), LDRequestMessage{LDListenerProtocolVersion}, error)) {
+    return std::nullopt;
+  }
+  std::optional<Received> answer = receive(socket.fileDescriptor(), monotonicMilliseconds() + activation,
+                                           "waiting for the listeners", error);
+  if (!answer) return std::nullopt;
+  const auto* reply = std::get_if<LDRequestReplyMessage>(&*answer->message);
+  if (reply == nullptr) {
+    if (error) *error = problem("The helper answered the request with the wrong message.");
+    return std::nullopt;
+  }
+  if (reply->status != 0) {
+    if (error) *error = problem(adviceFor(reply->status, reply->message, options.port));
+    return std::nullopt;
+  }
+  if (reply->handles != (LDWireHandleIPv4 | LDWireHandleIPv6) || !reply->token) {
+    if (error) *error = problem("The helper's reply lacks a listener or the token.");
+    return std::nullopt;
+  }
+
+  LDAcquiredListeners listeners{std::move(answer->descriptors[0]), std::move(answer->descriptors[1])};
+  std::optional<LDError> invalid;
+  const bool accepted =
+      LDLoopbackListeners::validateReceivedFileDescriptor(
+          listeners.ipv4.fileDescriptor(), LDListenerEndpoint(AF_INET, "127.0.0.1", options.port), &invalid) &&
+      LDLoopbackListeners::validateReceivedFileDescriptor(
+          listeners.ipv6.fileDescriptor(), LDListenerEndpoint(AF_INET6, "::1", options.port), &invalid);
+  if (!sendMessage(socket.fileDescriptor(),
+                   LDCompleteMessage{LDListenerProtocolVersion, reply->token, accepted}, error)) {
+    return std::nullopt;
+  }
+  const auto acknowledgement = static_cast<int64_t>(std::ceil(options.acknowledgementReplyTimeout * 1000));
+  std::optional<Received> completed = receive(socket.fileDescriptor(), monotonicMilliseconds() + acknowledgement,
+                                              "acknowledging the listeners", error);
+  if (!completed) return std::nullopt;
+  if (!accepted) {
+    if (error) *error = problem("The listeners from the helper failed their checks: " + invalid->description());
+    return std::nullopt;
+  }
+  const auto* done = std::get_if<LDCompleteReplyMessage>(&*completed->message);
+  if (done == nullptr || done->status != 1) {
+    if (error) {
+      *error = problem("The helper did not accept the acknowledgement (" +
+                       (done ? done->message.value_or("no message") : std::string("wrong message")) + ").");
+    }
+    return std::nullopt;
+  }
+  return listeners;
+}

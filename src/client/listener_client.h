@@ -1,0 +1,28 @@
+#pragma once
+
+// The application's side of the handoff: get the two loopback listeners on port 80 from the
+// helper, check them, and acknowledge.
+
+#include <optional>
+#include <string>
+
+#include "shared/constants.h"
+#include "shared/file_handle.h"
+
+struct LDClientOptions {
+  std::string socketPath;  // empty: the helper's service socket in /run
+  double activationTimeout = LDActivationTimeout;                      // connect to Hello, and the reply
+  double acknowledgementReplyTimeout = LDAcknowledgementReplyTimeout;  // completion to its reply
+  uint16_t port = LDListenerPort;                                      // what the listeners must be bound to
+};
+
+struct LDAcquiredListeners {
+  LDFileHandle ipv4;  // listening on 127.0.0.1:port, close-on-exec
+  LDFileHandle ipv6;  // listening on [::1]:port, IPv6-only, close-on-exec
+};
+
+// Asks the helper for the listener pair, validates both descriptors and acknowledges. On failure
+// returns nothing and one error whose description says what happened and what to do. Nothing is
+// left open on any failure.
+std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options = {},
+                                                      LDErrorPlace error = nullptr);
