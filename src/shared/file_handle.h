@@ -10,6 +10,12 @@
 // thread has just been given the same number.
 void LDCloseDescriptor(int fd) noexcept;
 
+// Makes sources[i] available as descriptor targets[i] (e.g. 3 and 4) for a program about to be
+// exec'd: the targets are not close-on-exec, the sources are left as they were. Safe when a
+// source already has a target's number (dup2 onto itself would keep close-on-exec) and when
+// sources and targets overlap. Returns false with errno set.
+bool LDPlaceDescriptorsForExec(const int* sources, const int* targets, int count);
+
 class LDFileHandle {
  public:
   LDFileHandle() noexcept = default;

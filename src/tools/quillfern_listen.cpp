@@ -27,13 +27,17 @@ namespace {
 constexpr const char kUsage[] = "usage: quillfern-listen [--socket PATH] [-- COMMAND [ARGS...]]\n";
 
 int runCommand(LDAcquiredListeners listeners, char** command) {
-  // Descriptors 3 and 4, inherited across exec; nothing else is.
-  if (::dup2(listeners.ipv4.fileDescriptor(), 3) != 3 || ::dup2(listeners.ipv6.fileDescriptor(), 4) != 4) {
-    std::fprintf(stderr, "quillfern-listen: dup2: %s\n", std::strerror(errno));
+  // Descriptors 3 and 4, inherited across exec; the originals are close-on-exec and go.
+  const int sources[] = {listeners.ipv4.fileDescriptor(), listeners.ipv6.fileDescriptor()};
+  const int targets[] = {3, 4};
+  if (!LDPlaceDescriptorsForExec(sources, targets, 2)) {
+    std::fprintf(stderr, "quillfern-listen: cannot place the listeners at 3 and 4: %s\n", std::strerror(errno));
     return 1;
   }
-  (void)listeners.ipv4.release();  // now 3 and 4 are the ones that matter; exec closes the rest
-  (void)listeners.ipv6.release();
+  // Whichever handle held 3 or 4 now names a listener placed there: it must not close it.
+  for (LDFileHandle* handle : {&listeners.ipv4, &listeners.ipv6}) {
+    if (handle->fileDescriptor() == 3 || handle->fileDescriptor() == 4) (void)handle->release();
+  }
   ::setenv("LISTEN_FDS", "2", 1);
   ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
   ::setenv("LISTEN_FDNAMES", "ipv4:ipv6", 1);
