@@ -53,8 +53,8 @@ class Pki {
 };
 
 Pki& pki() {
-  static Pki* shared = new Pki();  // lives for the test program; its directory goes with /tmp
-  return *shared;
+  static Pki shared;  // its directory is removed when the program exits
+  return shared;
 }
 
 std::string randomCode(size_t size) {

@@ -1,0 +1,180 @@
+// A test client that speaks (or abuses) the helper's protocol step by step and prints what it
+// saw, one word or line per step. Installed signed or unsigned by the tests.
+//
+//   handoff_probe early|garbage|descriptors|oversized PATH   send before Hello, report
+//   handoff_probe after-hello-garbage PATH                  garbage after Hello, report
+//   handoff_probe version N PATH                            request with version N
+//   handoff_probe hold PATH                                 request, wait for "go" on stdin, complete
+//   handoff_probe no-ack PATH                               request, never complete, wait for the end
+//   handoff_probe forked-sender PATH PROGRAM                a child running PROGRAM sends on our socket
+//   handoff_probe inherited-request FD                      send a request on an inherited socket
+//   handoff_probe request-and-sleep VERSION PATH            request, then never read anything
+//   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "platform/seqpacket.h"
+#include "shared/file_handle.h"
+#include "platform/wire.h"
+
+namespace {
+
+int connectTo(const char* path) {
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    std::printf("connect-failed\n");
+    std::exit(2);
+  }
+  return fd;
+}
+
+// The next message within the time: its name, "closed" or "timeout".
+std::string next(int fd, int milliseconds, LDReceivedPacket* packet = nullptr) {
+  pollfd entry{fd, POLLIN, 0};
+  if (::poll(&entry, 1, milliseconds) != 1) return "timeout";
+  LDReceivedPacket local;
+  LDReceivedPacket& received = packet ? *packet : local;
+  int errorNumber = 0;
+  if (LDReceivePacket(fd, LDWireMaximumPacketSize, &received, &errorNumber) != LDReceiveResult::packet) {
+    return "closed";
+  }
+  const auto message = LDDecodeMessage(received.bytes, received.descriptors.size());
+  if (!message) return "malformed";
+  if (std::holds_alternative<LDHelloMessage>(*message)) return "hello";
+  if (const auto* reply = std::get_if<LDRequestReplyMessage>(&*message)) {
+    return "status " + std::to_string(reply->status) + " " + reply->message.value_or("-") +
+           (reply->token ? " token " + *reply->token : "");
+  }
+  if (const auto* reply = std::get_if<LDCompleteReplyMessage>(&*message)) {
+    return "completed " + std::to_string(reply->status) + " " + reply->message.value_or("-");
+  }
+  return "unexpected";
+}
+
+void say(const std::string& line) {
+  std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
+}
+
+void sendMessage(int fd, const LDMessage& message, const std::vector<int>& descriptors = {}) {
+  (void)LDSendPacket(fd, LDEncodeMessage(message), descriptors, false);
+}
+
+int httpServer(int port) {
+  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener, 8) != 0) {
+    return 1;
+  }
+  say("listening");
+  for (;;) {
+    const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) continue;
+    char buffer[4096];
+    (void)::read(client, buffer, sizeof buffer);
+    const char response[] = "HTTP/1.1 200 OK\r\nContent-Length: 8\r\nConnection: close\r\n\r\nbackend\n";
+    (void)::send(client, response, sizeof response - 1, MSG_NOSIGNAL);
+    ::close(client);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) return 64;
+  const std::string mode = argv[1];
+  if (mode == "http-server") return httpServer(std::atoi(argv[2]));
+  if (mode == "inherited-request") {
+    sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
+    return 0;
+  }
+  if (mode == "early" || mode == "garbage" || mode == "descriptors" || mode == "oversized") {
+    const int fd = connectTo(argv[2]);
+    if (mode == "early") sendMessage(fd, LDRequestMessage{1});
+    if (mode == "garbage") (void)::send(fd, "\x01\x02garbage!", 10, MSG_NOSIGNAL);
+    if (mode == "descriptors") sendMessage(fd, LDRequestMessage{1}, {0});
+    if (mode == "oversized") (void)::send(fd, std::string(5000, 'x').data(), 5000, MSG_NOSIGNAL);
+    say(next(fd, 3000));
+    return 0;
+  }
+  if (mode == "after-hello-garbage") {
+    const int fd = connectTo(argv[2]);
+    say(next(fd, 3000));
+    (void)::send(fd, "QLD1\x09\x00", 6, MSG_NOSIGNAL);
+    say(next(fd, 3000));
+    return 0;
+  }
+  if (mode == "version" && argc >= 4) {
+    const int fd = connectTo(argv[3]);
+    const std::string greeting = next(fd, 3000);
+    say(greeting);
+    if (greeting != "hello") return 0;
+    sendMessage(fd, LDRequestMessage{std::atoll(argv[2])});
+    say(next(fd, 3000));
+    return 0;
+  }
+  if (mode == "request-and-sleep" && argc >= 4) {
+    const int fd = connectTo(argv[3]);
+    say(next(fd, 3000));
+    sendMessage(fd, LDRequestMessage{std::atoll(argv[2])});
+    say("sent");
+    ::sleep(30);
+    return 0;
+  }
+  if (mode == "hold" || mode == "no-ack") {
+    const int fd = connectTo(argv[2]);
+    say(next(fd, 3000));
+    sendMessage(fd, LDRequestMessage{1});
+    LDReceivedPacket packet;
+    const std::string reply = next(fd, 3000, &packet);
+    say(reply.substr(0, reply.find(" token ")));
+    if (mode == "no-ack") {
+      say(next(fd, 10000));  // the helper ends without a word
+      return 0;
+    }
+    std::string go;
+    std::getline(std::cin, go);
+    const size_t token = reply.find(" token ");
+    sendMessage(fd, LDCompleteMessage{1, token == std::string::npos ? std::nullopt
+                                                                     : std::optional<std::string>(reply.substr(token + 7)),
+                                      true});
+    say(next(fd, 3000));
+    return 0;
+  }
+  if (mode == "forked-sender" && argc >= 4) {
+    const int fd = connectTo(argv[2]);
+    say(next(fd, 3000));
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const int target = 3;
+      if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) ::_exit(125);
+      ::execl(argv[3], argv[3], "inherited-request", "3", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    say(next(fd, 3000));
+    return 0;
+  }
+  return 64;
+}

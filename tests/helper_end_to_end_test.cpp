@@ -1,0 +1,280 @@
+// The helper as a real root process, socket-activated, with real clients running as nobody, in a
+// private network namespace where it binds the real port 80.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <openssl/pem.h>
+
+#include "shared/code_signature.h"
+#include "shared/file_handle.h"
+#include "support/helper_harness.h"
+#include "support/network_namespace.h"
+#include "support/process.h"
+#include "support/test_pki.h"
+#include "tools/code_signer.h"
+
+namespace {
+
+using ldtest::ChildProcess;
+using ldtest::ProgramDirectory;
+using ldtest::runInPrivateNetworkNamespace;
+
+constexpr int kNobody = 65534;
+const std::string kApp = LD_APP_IDENTIFIER;
+
+// Collects what went wrong inside the namespace, where gtest's assertions cannot reach.
+class Findings {
+ public:
+  void expect(bool ok, const std::string& what) {
+    if (!ok) _text += what + "\n";
+  }
+  void expectEqual(const std::string& actual, const std::string& expected, const std::string& what) {
+    expect(actual == expected, what + ": expected \"" + expected + "\", got \"" + actual + "\"");
+  }
+  void expectContains(const std::string& actual, const std::string& part, const std::string& what) {
+    expect(actual.find(part) != std::string::npos, what + ": \"" + actual + "\" lacks \"" + part + "\"");
+  }
+  std::string text() const { return _text; }
+
+ private:
+  std::string _text;
+};
+
+// A signed copy of the protocol probe, as the application.
+std::string installSignedProbe(ProgramDirectory& programs, const std::string& name = "probe") {
+  const std::string probe = programs.install(LD_PROBE, name);
+  const std::string problem = ldtest::signWithBuildIdentity(probe, kApp);
+  if (!problem.empty()) throw std::runtime_error(problem);
+  return probe;
+}
+
+std::string lineOr(std::optional<std::string> line) { return line.value_or("<nothing>"); }
+
+TEST(HelperEndToEnd, ClientAsNobodyServesBothAddressesAndTheHelperExitsZero) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string demo = programs.install(LD_DEMO, "quillfern-listen");
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    ChildProcess client = ChildProcess::start({demo, "--socket", socket}, kNobody);
+    findings.expectEqual(lineOr(client.readLine(15000)),
+                         "quillfern-listen: serving http://127.0.0.1/ and http://[::1]/ (Ctrl-C to stop)",
+                         "the demo's first line");
+    findings.expectContains(ldtest::httpGet("127.0.0.1", 80), "Hello from quillfern-listen on 127.0.0.1:80", "IPv4");
+    findings.expectContains(ldtest::httpGet("::1", 80), "Hello from quillfern-listen on [::1]:80", "IPv6");
+    findings.expect(helper.wait(5000) == 0, "the helper exits 0 after an acknowledged transfer");
+    // The helper is gone and the listeners live on in the client alone.
+    findings.expectContains(ldtest::httpGet("127.0.0.1", 80), "127.0.0.1:80", "IPv4 after the helper exited");
+    return findings.text();
+  }), "");
+}
+
+TEST(HelperEndToEnd, SecondClientWhileTheFirstAwaitsAcknowledgementIsBusy) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string probe = installSignedProbe(programs);
+    const std::string demo = programs.install(LD_DEMO, "quillfern-listen");
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    ChildProcess holder = ChildProcess::start({probe, "hold", socket}, kNobody);
+    findings.expectEqual(lineOr(holder.readLine(10000)), "hello", "first client greeted");
+    findings.expectEqual(lineOr(holder.readLine(10000)), "status 0 -", "first client served");
+    const auto second = ldtest::runProgram({demo, "--socket", socket}, kNobody);
+    findings.expect(second.exitStatus == 1, "the second client fails");
+    findings.expectContains(second.standardError, "A listener transfer is already in progress", "busy");
+    holder.writeLine("go");
+    findings.expectEqual(lineOr(holder.readLine(10000)), "completed 1 -", "first client acknowledged");
+    findings.expect(helper.wait(5000) == 0, "the helper exits 0");
+    return findings.text();
+  }), "");
+}
+
+TEST(HelperEndToEnd, UnsupportedVersionIsAnsweredAndEndsTheHelperWithOne) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string probe = installSignedProbe(programs);
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    const auto result = ldtest::runProgram({probe, "version", "2", socket}, kNobody);
+    findings.expectEqual(result.standardOutput, "hello\nstatus 3 Unsupported protocol version\n", "the probe saw");
+    findings.expect(helper.wait(5000) == 1, "the helper exits 1");
+    return findings.text();
+  }), "");
+}
+
+TEST(HelperEndToEnd, TakenPortIsReportedToTheUserAndEndsTheHelperWithOne) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    LDFileHandle holder(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(80);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    findings.expect(::bind(holder.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                        ::listen(holder.fileDescriptor(), 1) == 0,
+                    "another program holds 127.0.0.1:80");
+    ProgramDirectory programs;
+    const std::string demo = programs.install(LD_DEMO, "quillfern-listen");
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    const auto result = ldtest::runProgram({demo, "--socket", socket}, kNobody);
+    findings.expect(result.exitStatus == 1, "the demo fails");
+    findings.expectEqual(result.standardError,
+                         "quillfern-listen: Port 80 on 127.0.0.1 or ::1 is already in use by another program "
+                         "(bind failed: Address already in use (98)): stop that program and try again.\n",
+                         "the user is told");
+    findings.expect(helper.wait(5000) == 1, "the helper exits 1");
+    return findings.text();
+  }), "");
+}
+
+// The short-time-out build waits 0.5 s for the acknowledgement and 0.3 s for a reply to leave.
+TEST(HelperEndToEnd, NoAcknowledgementEndsTheHelperWithOneAfterTheTimeOut) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string probe = installSignedProbe(programs);
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER_SHORT_TIMEOUTS, socket);
+    const auto result = ldtest::runProgram({probe, "no-ack", socket}, kNobody);
+    findings.expectEqual(result.standardOutput, "hello\nstatus 0 -\nclosed\n", "the probe saw");
+    findings.expect(helper.wait(5000) == 1, "the helper exits 1");
+    return findings.text();
+  }), "");
+}
+
+TEST(HelperEndToEnd, AClientThatNeverReadsDoesNotKeepTheHelperAlive) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string probe = installSignedProbe(programs);
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER_SHORT_TIMEOUTS, socket);
+    ChildProcess client = ChildProcess::start({probe, "request-and-sleep", "7", socket}, kNobody);
+    findings.expectEqual(lineOr(client.readLine(10000)), "hello", "greeted");
+    findings.expectEqual(lineOr(client.readLine(10000)), "sent", "request sent");
+    findings.expect(helper.wait(3000) == 1, "the helper exits 1 without the client reading its reply");
+    return findings.text();
+  }), "");
+}
+
+// Every one of these is refused without disturbing the helper, which then serves a legitimate
+// client and exits 0.
+std::string refusalScenario() {
+    Findings findings;
+    ProgramDirectory programs;
+    ldtest::TemporaryDirectory pkiDirectory;
+    ldtest::TestPki pki(pkiDirectory.path());
+    const std::string socket = programs.file("helper.sock");
+    const std::string signedProbe = installSignedProbe(programs);
+    const std::string unsignedProbe = programs.install(LD_PROBE, "unsigned");
+
+    std::string error;
+    const auto stranger = pki.makeLeaf(pki.makeRoot("Stranger Root"), "Stranger", {.team = "DEVTEAM001"});
+    const auto strangerIdentity = LDLoadSigningIdentity(stranger.keyPath, stranger.certificatePath, "", &error);
+    const std::string otherCa = programs.install(LD_PROBE, "other-ca");
+    findings.expect(strangerIdentity && LDSignFile(otherCa, kApp, *strangerIdentity, &error), "sign by another CA: " + error);
+
+    const std::string wrongIdentifier = programs.install(LD_PROBE, "wrong-identifier");
+    findings.expectEqual(ldtest::signWithBuildIdentity(wrongIdentifier, kApp + ".other"), "", "sign as another identifier");
+
+    const std::string tampered = installSignedProbe(programs, "tampered");
+    std::string bytes = ldtest::readFile(tampered);
+    bytes[1000] = static_cast<char>(bytes[1000] ^ 0x40);
+    ldtest::writeFile(tampered, bytes, 0755);
+
+    const std::string writable = installSignedProbe(programs, "writable");
+    ::chmod(writable.c_str(), 0757);
+    const std::string notRoots = installSignedProbe(programs, "not-roots");
+    findings.expect(::chown(notRoots.c_str(), kNobody, kNobody) == 0, "chown");
+
+    struct Case {
+      std::string name;
+      std::vector<std::string> argv;
+      std::string output;
+    };
+    std::vector<Case> cases = {
+        {"unsigned", {unsignedProbe, "version", "1", socket}, "closed\n"},
+        {"another CA", {otherCa, "version", "1", socket}, "closed\n"},
+        {"wrong identifier", {wrongIdentifier, "version", "1", socket}, "closed\n"},
+        {"tampered after signing", {tampered, "version", "1", socket}, "closed\n"},
+        {"writable by others", {writable, "version", "1", socket}, "closed\n"},
+        {"not owned by root", {notRoots, "version", "1", socket}, "closed\n"},
+        {"sends before Hello", {signedProbe, "early", socket}, "closed\n"},
+        {"sends garbage first", {signedProbe, "garbage", socket}, "closed\n"},
+        {"sends descriptors", {signedProbe, "descriptors", socket}, "closed\n"},
+        {"sends an oversized packet", {signedProbe, "oversized", socket}, "closed\n"},
+        {"garbage after Hello", {signedProbe, "after-hello-garbage", socket}, "hello\nclosed\n"},
+        {"request from a forked unsigned child", {signedProbe, "forked-sender", socket, unsignedProbe}, "hello\nclosed\n"},
+    };
+#ifdef LD_BUILD_ROOT_KEY
+    {
+      // A leaf of the build's own root, for another team.
+      ldtest::TestIdentity root;
+      root.keyPath = LD_BUILD_ROOT_KEY;
+      root.certificatePath = LD_BUILD_ROOT_CERT;
+      const std::string pem = ldtest::readFile(LD_BUILD_ROOT_KEY);
+      ldssl::Bio keyText(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+      root.key.reset(PEM_read_bio_PrivateKey(keyText.get(), nullptr, nullptr, nullptr));
+      const std::string certificate = ldtest::readFile(LD_BUILD_ROOT_CERT);
+      ldssl::Bio certificateText(BIO_new_mem_buf(certificate.data(), static_cast<int>(certificate.size())));
+      root.certificate.reset(PEM_read_bio_X509(certificateText.get(), nullptr, nullptr, nullptr));
+      const auto otherTeam = pki.makeLeaf(root, "Other Team", {.team = "OTHERTEAM9"});
+      const auto identity = LDLoadSigningIdentity(otherTeam.keyPath, otherTeam.certificatePath, "", &error);
+      const std::string wrongTeam = programs.install(LD_PROBE, "wrong-team");
+      findings.expect(identity && LDSignFile(wrongTeam, kApp, *identity, &error), "sign for another team: " + error);
+      cases.push_back({"wrong team", {wrongTeam, "version", "1", socket}, "closed\n"});
+    }
+#endif
+
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    for (const Case& c : cases) {
+      const auto result = ldtest::runProgram(c.argv, kNobody);
+      findings.expectEqual(result.standardOutput, c.output, c.name);
+    }
+    findings.expect(helper.wait(0) == -1, "the helper is still running after the refusals");
+
+    const std::string demo = programs.install(LD_DEMO, "quillfern-listen");
+    ChildProcess client = ChildProcess::start({demo, "--socket", socket}, kNobody);
+    findings.expectContains(lineOr(client.readLine(15000)), "serving", "the legitimate client");
+    findings.expectContains(ldtest::httpGet("::1", 80), "[::1]:80", "IPv6 through the legitimate client");
+    findings.expect(helper.wait(5000) == 0, "the helper exits 0");
+    return findings.text();
+}
+
+TEST(HelperEndToEnd, RefusedPeersNeverReachTheServiceWhileItKeepsServing) {
+  EXPECT_EQ(runInPrivateNetworkNamespace(refusalScenario), "");
+}
+
+// Any server that understands socket activation runs unprivileged on port 80.
+TEST(HelperEndToEnd, SocketProxydRunsOnPort80InFrontOfAnUnprivilegedServer) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    const std::string proxyd = ::access("/lib/systemd/systemd-socket-proxyd", X_OK) == 0
+                                   ? "/lib/systemd/systemd-socket-proxyd"
+                                   : "/usr/lib/systemd/systemd-socket-proxyd";
+    ProgramDirectory programs;
+    const std::string backend = programs.install(LD_PROBE, "backend");
+    const std::string demo = programs.install(LD_DEMO, "quillfern-listen");
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess server = ChildProcess::start({backend, "http-server", "8080"}, kNobody);
+    findings.expectEqual(lineOr(server.readLine(5000)), "listening", "the backend");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    ChildProcess proxy = ChildProcess::start({demo, "--socket", socket, "--", proxyd, "127.0.0.1:8080"}, kNobody);
+    findings.expect(helper.wait(15000) == 0, "the helper exits 0");
+    findings.expectEqual(ldtest::httpGet("127.0.0.1", 80), "backend\n", "IPv4 through the proxy");
+    findings.expectEqual(ldtest::httpGet("::1", 80), "backend\n", "IPv6 through the proxy");
+    return findings.text();
+  }), "");
+}
+
+}  // namespace
