@@ -9,6 +9,8 @@
 //   handoff_probe forked-sender PATH PROGRAM                a child running PROGRAM sends on our socket
 //   handoff_probe inherited-request FD                      send a request on an inherited socket
 //   handoff_probe request-and-sleep VERSION PATH            request, then never read anything
+//   handoff_probe connect-then-exec PATH PROGRAM            connect, then exec PROGRAM on the socket
+//   handoff_probe inherited-wait FD                         report what arrives on an inherited socket
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 
 #include <arpa/inet.h>
@@ -104,6 +106,17 @@ int main(int argc, char** argv) {
   if (argc < 3) return 64;
   const std::string mode = argv[1];
   if (mode == "http-server") return httpServer(std::atoi(argv[2]));
+  if (mode == "inherited-wait") {
+    say(next(std::atoi(argv[2]), 3000));
+    return 0;
+  }
+  if (mode == "connect-then-exec" && argc >= 4) {
+    const int fd = connectTo(argv[2]);
+    const int target = 3;
+    if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) return 125;
+    ::execl(argv[3], argv[3], "inherited-wait", "3", static_cast<char*>(nullptr));
+    return 127;
+  }
   if (mode == "inherited-request") {
     sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
     return 0;
@@ -114,7 +127,8 @@ int main(int argc, char** argv) {
     if (mode == "garbage") (void)::send(fd, "\x01\x02garbage!", 10, MSG_NOSIGNAL);
     if (mode == "descriptors") sendMessage(fd, LDRequestMessage{1}, {0});
     if (mode == "oversized") (void)::send(fd, std::string(5000, 'x').data(), 5000, MSG_NOSIGNAL);
-    say(next(fd, 3000));
+    say("sent");
+    say(next(fd, 10000));
     return 0;
   }
   if (mode == "after-hello-garbage") {

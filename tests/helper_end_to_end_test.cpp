@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -209,12 +210,10 @@ std::string refusalScenario() {
         {"tampered after signing", {tampered, "version", "1", socket}, "closed\n"},
         {"writable by others", {writable, "version", "1", socket}, "closed\n"},
         {"not owned by root", {notRoots, "version", "1", socket}, "closed\n"},
-        {"sends before Hello", {signedProbe, "early", socket}, "closed\n"},
-        {"sends garbage first", {signedProbe, "garbage", socket}, "closed\n"},
-        {"sends descriptors", {signedProbe, "descriptors", socket}, "closed\n"},
-        {"sends an oversized packet", {signedProbe, "oversized", socket}, "closed\n"},
         {"garbage after Hello", {signedProbe, "after-hello-garbage", socket}, "hello\nclosed\n"},
         {"request from a forked unsigned child", {signedProbe, "forked-sender", socket, unsignedProbe}, "hello\nclosed\n"},
+        // Whether the helper looks before or after the exec, it must refuse.
+        {"connects, then execs the signed client", {unsignedProbe, "connect-then-exec", socket, signedProbe}, "closed\n"},
     };
 #ifdef LD_BUILD_ROOT_KEY
     {
@@ -240,6 +239,15 @@ std::string refusalScenario() {
     for (const Case& c : cases) {
       const auto result = ldtest::runProgram(c.argv, kNobody);
       findings.expectEqual(result.standardOutput, c.output, c.name);
+    }
+    // These send at once; the helper is stopped until they have, so what it finds was there
+    // before it could have greeted them.
+    for (const std::string mode : {"early", "garbage", "descriptors", "oversized"}) {
+      ::kill(helper.pid(), SIGSTOP);
+      ChildProcess early = ChildProcess::start({signedProbe, mode, socket}, kNobody);
+      findings.expectEqual(lineOr(early.readLine(5000)), "sent", mode + " sent");
+      ::kill(helper.pid(), SIGCONT);
+      findings.expectEqual(lineOr(early.readLine(10000)), "closed", mode + " refused without Hello");
     }
     findings.expect(helper.wait(0) == -1, "the helper is still running after the refusals");
 

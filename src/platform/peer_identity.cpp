@@ -1,12 +1,18 @@
 #include "platform/peer_identity.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <linux/unix_diag.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -72,6 +78,83 @@ LDFileHandle peerPidfd(int socket, pid_t pid, int processDirectory, std::string*
   return opened;
 }
 
+// The inode of the other end of a connected AF_UNIX socket, asked of the kernel's sock_diag.
+std::optional<ino_t> peerSocketInode(int socket) {
+  struct stat own {};
+  if (::fstat(socket, &own) != 0) return std::nullopt;
+  LDFileHandle netlink(::socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+  if (!netlink.isValid()) return std::nullopt;
+  struct {
+    nlmsghdr header;
+    unix_diag_req request;
+  } query{};
+  query.header.nlmsg_len = sizeof query;
+  query.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  query.header.nlmsg_flags = NLM_F_REQUEST;
+  query.request.sdiag_family = AF_UNIX;
+  query.request.udiag_states = ~0u;
+  query.request.udiag_ino = static_cast<unsigned>(own.st_ino);
+  query.request.udiag_show = UDIAG_SHOW_PEER;
+  query.request.udiag_cookie[0] = query.request.udiag_cookie[1] = ~0u;  // no cookie to match
+  sockaddr_nl kernel{};
+  kernel.nl_family = AF_NETLINK;
+  if (::sendto(netlink.fileDescriptor(), &query, sizeof query, 0, reinterpret_cast<sockaddr*>(&kernel),
+               sizeof kernel) != static_cast<ssize_t>(sizeof query)) {
+    return std::nullopt;
+  }
+  alignas(nlmsghdr) char answer[8192];
+  const ssize_t got = ::recv(netlink.fileDescriptor(), answer, sizeof answer, 0);
+  if (got < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(unix_diag_msg)))) return std::nullopt;
+  const auto* header = reinterpret_cast<const nlmsghdr*>(answer);
+  if (!NLMSG_OK(header, static_cast<unsigned>(got)) || header->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
+    return std::nullopt;
+  }
+  // Attributes follow the message, each a 4-byte-aligned {u16 length, u16 type, payload}.
+  size_t offset = NLMSG_LENGTH(sizeof(unix_diag_msg));
+  const size_t end = std::min<size_t>(header->nlmsg_len, static_cast<size_t>(got));
+  while (offset + sizeof(rtattr) <= end) {
+    rtattr attribute;
+    std::memcpy(&attribute, answer + offset, sizeof attribute);
+    if (attribute.rta_len < sizeof(rtattr) || offset + attribute.rta_len > end) break;
+    if (attribute.rta_type == UNIX_DIAG_PEER && attribute.rta_len >= sizeof(rtattr) + sizeof(uint32_t)) {
+      uint32_t inode;
+      std::memcpy(&inode, answer + offset + sizeof(rtattr), sizeof inode);
+      return static_cast<ino_t>(inode);
+    }
+    offset += (attribute.rta_len + 3u) & ~size_t{3};
+  }
+  return std::nullopt;
+}
+
+// Whether every descriptor of the process that names socket `inode` is close-on-exec, and there
+// is at least one. A socket that crossed an exec cannot be: so a connection made by one program
+// cannot be passed off as made by the signed program it exec'd.
+bool holdsOnlyCloseOnExecCopies(int processDirectory, ino_t inode) {
+  LDFileHandle descriptors(::openat(processDirectory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!descriptors.isValid()) return false;
+  DIR* listing = ::fdopendir(descriptors.release());
+  if (listing == nullptr) return false;
+  const std::string wanted = "socket:[" + std::to_string(inode) + "]";
+  bool found = false;
+  bool allCloseOnExec = true;
+  while (const dirent* entry = ::readdir(listing)) {
+    if (entry->d_name[0] == '.') continue;
+    char target[64];
+    const ssize_t length = ::readlinkat(::dirfd(listing), entry->d_name, target, sizeof target - 1);
+    if (length <= 0 || std::string_view(target, static_cast<size_t>(length)) != wanted) continue;
+    found = true;
+    const std::string info = "fdinfo/" + std::string(entry->d_name);
+    LDFileHandle fdinfo(::openat(processDirectory, info.c_str(), O_RDONLY | O_CLOEXEC));
+    char text[256] = {};
+    const ssize_t got = fdinfo.isValid() ? ::read(fdinfo.fileDescriptor(), text, sizeof text - 1) : -1;
+    const char* flags = got > 0 ? std::strstr(text, "flags:") : nullptr;
+    const unsigned long value = flags ? std::strtoul(flags + 6, nullptr, 8) : 0;
+    if (flags == nullptr || (value & O_CLOEXEC) == 0) allCloseOnExec = false;
+  }
+  ::closedir(listing);
+  return found && allCloseOnExec;
+}
+
 }  // namespace
 
 std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, const LDRequirement& requirement,
@@ -116,6 +199,12 @@ std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, const LDRequirement& requi
   if (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_nlink == 0) {
     *reason = "the peer's executable must be owned by root, not writable by group or others, and "
               "still linked";
+    return std::nullopt;
+  }
+  const std::optional<ino_t> peerSocket = peerSocketInode(socket);
+  if (!peerSocket || !holdsOnlyCloseOnExecCopies(peer.processDirectory.fileDescriptor(), *peerSocket)) {
+    *reason = "the peer's end of the connection is not close-on-exec, so it may predate the "
+              "program now running";
     return std::nullopt;
   }
   std::string detail;
