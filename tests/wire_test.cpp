@@ -1,0 +1,172 @@
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "platform/seqpacket.h"
+#include "platform/wire.h"
+#include "shared/file_handle.h"
+#include "support/descriptors.h"
+
+namespace {
+
+// Little-endian bytes of the header for a type.
+std::string header(uint16_t type) {
+  return std::string("QLD1", 4) + static_cast<char>(type & 0xff) + static_cast<char>(type >> 8);
+}
+
+std::string i64(int64_t value) {
+  std::string bytes;
+  for (int i = 0; i < 8; ++i) bytes.push_back(static_cast<char>((static_cast<uint64_t>(value) >> (8 * i)) & 0xff));
+  return bytes;
+}
+
+std::string str(const std::string& text) {
+  const auto length = static_cast<uint32_t>(text.size());
+  std::string bytes;
+  for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<char>((length >> (8 * i)) & 0xff));
+  return bytes + text;
+}
+
+const std::string kNil("\xff\xff\xff\xff", 4);
+
+TEST(Wire, EncodesTheDocumentedBytes) {
+  EXPECT_EQ(LDEncodeMessage(LDHelloMessage{}), header(1));
+  EXPECT_EQ(LDEncodeMessage(LDRequestMessage{1}), header(2) + i64(1));
+  EXPECT_EQ(LDEncodeMessage(LDRequestReplyMessage{1, 0, "ab", 3, 0x01020304, std::nullopt}),
+            header(3) + i64(1) + i64(0) + str("ab") + "\x03" + std::string("\x04\x03\x02\x01", 4) + kNil);
+  EXPECT_EQ(LDEncodeMessage(LDCompleteMessage{1, std::nullopt, true}), header(4) + i64(1) + kNil + "\x01");
+  EXPECT_EQ(LDEncodeMessage(LDCompleteReplyMessage{1, 7, "x"}), header(5) + i64(1) + i64(7) + str("x"));
+}
+
+TEST(Wire, RoundTripsEveryMessage) {
+  const std::vector<std::pair<LDMessage, size_t>> messages = {
+      {LDHelloMessage{}, 0},
+      {LDRequestMessage{-5}, 0},
+      {LDRequestReplyMessage{1, 0, std::string(64, 'a'), 3, 42, std::nullopt}, 2},
+      {LDRequestReplyMessage{1, 8, std::nullopt, 0, 42, "bind failed: Address already in use (98)"}, 0},
+      {LDCompleteMessage{1, "", false}, 0},
+      {LDCompleteReplyMessage{1, 1, std::nullopt}, 0},
+  };
+  for (const auto& [message, descriptors] : messages) {
+    const std::string packet = LDEncodeMessage(message);
+    const auto decoded = LDDecodeMessage(packet, descriptors);
+    ASSERT_TRUE(decoded) << message.index();
+    EXPECT_EQ(LDEncodeMessage(*decoded), packet);
+  }
+}
+
+TEST(Wire, AcceptedIsAnyNonZeroByte) {
+  const auto decoded = LDDecodeMessage(header(4) + i64(1) + kNil + "\x80", 0);
+  ASSERT_TRUE(decoded);
+  EXPECT_TRUE(std::get<LDCompleteMessage>(*decoded).accepted);
+}
+
+TEST(Wire, LongStringsAreCutOnACharacterBoundary) {
+  const std::string text = std::string(1023, 'a') + "\xc3\xa9";  // the é would straddle 1024
+  const auto decoded = LDDecodeMessage(LDEncodeMessage(LDCompleteReplyMessage{1, 7, text}), 0);
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(std::get<LDCompleteReplyMessage>(*decoded).message, std::string(1023, 'a'));
+}
+
+TEST(Wire, RejectsEveryMalformedPacket) {
+  const std::string request = header(2) + i64(1);
+  struct Case {
+    const char* name;
+    std::string packet;
+    size_t descriptors;
+  };
+  for (const Case& c : {
+           Case{"empty", "", 0},
+           Case{"short header", "QLD1\x02", 0},
+           Case{"wrong magic", "QLD2" + request.substr(4), 0},
+           Case{"unknown type", header(6), 0},
+           Case{"type zero", header(0), 0},
+           Case{"trailing byte", request + "x", 0},
+           Case{"truncated field", request.substr(0, request.size() - 1), 0},
+           Case{"descriptors with a request", request, 1},
+           Case{"reply missing its descriptors", LDEncodeMessage(LDRequestReplyMessage{1, 0, "t", 3, 1, std::nullopt}), 1},
+           Case{"reply with extra descriptors", LDEncodeMessage(LDRequestReplyMessage{1, 0, "t", 1, 1, std::nullopt}), 2},
+           Case{"unknown handle bit", header(3) + i64(1) + i64(0) + kNil + "\x04" + std::string(4, '\0') + kNil, 0},
+           Case{"string too long", header(4) + i64(1) + str(std::string(1025, 'a')) + "\x01", 0},
+           Case{"string past the end", header(4) + i64(1) + std::string("\x10\0\0\0", 4) + "abc", 0},
+           Case{"invalid UTF-8", header(4) + i64(1) + str("\xc3(") + "\x01", 0},
+           Case{"overlong UTF-8", header(4) + i64(1) + str("\xc0\xaf") + "\x01", 0},
+           Case{"UTF-8 surrogate", header(4) + i64(1) + str("\xed\xa0\x80") + "\x01", 0},
+           Case{"oversized", request + std::string(4096, '\0'), 0},
+       }) {
+    EXPECT_FALSE(LDDecodeMessage(c.packet, c.descriptors)) << c.name;
+  }
+}
+
+// A truncated packet, or one whose descriptors did not fit, is refused and leaves nothing open.
+TEST(Seqpacket, OversizedPacketsAndExtraDescriptorsAreRefusedWithoutLeaks) {
+  int pair[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+  LDFileHandle sender(pair[0]), receiver(pair[1]);
+  const auto before = ldtest::openDescriptors();
+  LDReceivedPacket packet;
+  int errorNumber = 0;
+
+  ASSERT_EQ(LDSendPacket(sender.fileDescriptor(), std::string(5000, 'x'), {}, false), 0);
+  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::truncated);
+
+  const std::vector<int> many(8, STDIN_FILENO);
+  ASSERT_EQ(LDSendPacket(sender.fileDescriptor(), "x", many, false), 0);
+  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::packet);
+  EXPECT_EQ(packet.descriptors.size(), 8u);
+  for (const LDFileHandle& received : packet.descriptors) {
+    EXPECT_NE(::fcntl(received.fileDescriptor(), F_GETFD) & FD_CLOEXEC, 0) << "received close-on-exec";
+  }
+  packet.descriptors.clear();
+  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::wouldBlock);
+  sender.reset();
+  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::closed);
+  std::set<int> after = ldtest::openDescriptors();
+  after.insert(pair[0]);  // closed on purpose above
+  EXPECT_EQ(ldtest::descriptorDifference(before, after), "");
+}
+
+// Whatever numbers the sources have, the targets end up naming them and survive exec.
+TEST(PlaceDescriptorsForExec, SourcesAlreadyAtOrSwappedWithTheirTargets) {
+  struct Case {
+    const char* name;
+    int source0, source1;  // where the two pipes' read ends sit before placing
+  };
+  for (const Case& c : {Case{"already in place", 3, 4}, Case{"swapped", 4, 3}, Case{"elsewhere", 20, 21},
+                        Case{"one in place", 3, 30}}) {
+    SCOPED_TRACE(c.name);
+    // Read ends at 100 and 101, write ends at 102 and 103, nothing at 3 or 4.
+    int a[2], b[2];
+    ASSERT_EQ(::pipe2(a, O_CLOEXEC), 0);
+    ASSERT_EQ(::pipe2(b, O_CLOEXEC), 0);
+    const int ends[] = {a[0], b[0], a[1], b[1]};
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(::dup3(ends[i], 100 + i, O_CLOEXEC), 100 + i);
+    for (const int end : ends) ::close(end);
+    ::close(3);
+    ::close(4);
+    a[1] = 102;
+    b[1] = 103;
+    // The read ends move to the case's numbers (close-on-exec, as received listeners are).
+    ASSERT_EQ(::dup3(100, c.source0, O_CLOEXEC), c.source0);
+    ASSERT_EQ(::dup3(101, c.source1, O_CLOEXEC), c.source1);
+    ::close(100);
+    ::close(101);
+    const int sources[] = {c.source0, c.source1};
+    const int targets[] = {3, 4};
+    ASSERT_TRUE(LDPlaceDescriptorsForExec(sources, targets, 2));
+    for (const int target : targets) EXPECT_EQ(::fcntl(target, F_GETFD) & FD_CLOEXEC, 0);
+    // 3 reads what was written to a, 4 what was written to b.
+    ASSERT_EQ(::write(a[1], "A", 1), 1);
+    ASSERT_EQ(::write(b[1], "B", 1), 1);
+    char got = 0;
+    ASSERT_EQ(::read(3, &got, 1), 1);
+    EXPECT_EQ(got, 'A');
+    ASSERT_EQ(::read(4, &got, 1), 1);
+    EXPECT_EQ(got, 'B');
+    for (const int fd : {3, 4, c.source0, c.source1, a[1], b[1]}) ::close(fd);
+  }
+}
+
+}  // namespace
