@@ -1,0 +1,419 @@
+// The cost of a transfer against the floor, admission by client size, and footprint, measured
+// side by side in one run, as root, in a private network namespace where port 80 is free.
+//
+//   handoff_bench HELPER CLIENT FLOOR WORKDIR OUTPUT.json [TRANSFERS [--cold-only]]
+// The ld-codesign beside the helper is used to time a signature check in a fresh process.
+// --cold-only runs the cold transfers and nothing else (for profiling that path).
+//
+// HELPER is the release helper, CLIENT the signed transfer_client, FLOOR the static floor
+// program; WORKDIR a root-owned directory for sockets and padded clients. This program is itself
+// signed as the application, for the warm round trip on an open connection.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/seqpacket.h"
+#include "platform/wire.h"
+#include "shared/code_signing.h"
+#include "shared/loopback_listeners.h"
+#include "tools/code_signer.h"
+
+namespace {
+
+int64_t now() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec;
+}
+
+[[noreturn]] void die(const std::string& why) {
+  std::fprintf(stderr, "handoff_bench: %s\n", why.c_str());
+  std::exit(1);
+}
+
+struct Stats {
+  std::vector<double> values;  // microseconds
+  double quantile(double q) const {
+    std::vector<double> sorted = values;
+    std::sort(sorted.begin(), sorted.end());
+    if (sorted.empty()) return 0;
+    const auto index = static_cast<size_t>(q * static_cast<double>(sorted.size() - 1) + 0.5);
+    return sorted[std::min(index, sorted.size() - 1)];
+  }
+  double median() const { return quantile(0.5); }
+  double p99() const { return quantile(0.99); }
+};
+
+void bringLoopbackUp() {
+  if (::unshare(CLONE_NEWNET) != 0) die("unshare(CLONE_NEWNET) needs root");
+  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request{};
+  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+  if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0) die("SIOCGIFFLAGS");
+  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+  if (::ioctl(fd, SIOCSIFFLAGS, &request) != 0) die("SIOCSIFFLAGS");
+  ::close(fd);
+}
+
+LDFileHandle listenAt(const std::string& path) {
+  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ::unlink(path.c_str());
+  if (::bind(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::chmod(path.c_str(), 0666) != 0 || ::listen(socket.fileDescriptor(), 16) != 0) {
+    die("cannot listen at " + path);
+  }
+  return socket;
+}
+
+// The helper, started the way systemd starts it once a connection is waiting.
+pid_t activateHelper(const std::string& helper, int listening) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int target = 3;
+    if (!LDPlaceDescriptorsForExec(&listening, &target, 1)) ::_exit(125);
+    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+    ::setenv("LISTEN_FDS", "1", 1);
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, 1);
+    ::execl(helper.c_str(), helper.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  return child;
+}
+
+// Waits for pid; its exit status, and its peak RSS in KiB through *rss.
+int reap(pid_t pid, long* rss = nullptr) {
+  int status = 0;
+  rusage usage{};
+  if (::wait4(pid, &status, 0, &usage) != pid) die("wait4");
+  if (rss) *rss = usage.ru_maxrss;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// One cold transfer: the client (as nobody) connects, the helper is activated, the client
+// validates and acknowledges, the helper exits. From the client's connect to the helper's exit.
+double coldTransfer(const std::string& helper, const std::string& client, int listening,
+                    const std::string& socketPath, long* rss) {
+  int output[2];
+  if (::pipe2(output, O_CLOEXEC) != 0) die("pipe2");
+  const pid_t clientPid = ::fork();
+  if (clientPid == 0) {
+    ::dup2(output[1], 1);
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+        ::setresuid(65534, 65534, 65534) != 0) {
+      ::_exit(126);
+    }
+    ::execl(client.c_str(), client.c_str(), socketPath.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(output[1]);
+  pollfd waiting{listening, POLLIN, 0};
+  if (::poll(&waiting, 1, 10000) != 1) die("no client connected");
+  const pid_t helperPid = activateHelper(helper, listening);
+  const int helperStatus = reap(helperPid, rss);
+  const int64_t end = now();
+  char text[64] = {};
+  const ssize_t got = ::read(output[0], text, sizeof text - 1);
+  ::close(output[0]);
+  const int clientStatus = reap(clientPid);
+  if (helperStatus != 0 || clientStatus != 0 || got <= 0) {
+    die("a transfer failed (helper " + std::to_string(helperStatus) + ", client " + std::to_string(clientStatus) + ")");
+  }
+  return static_cast<double>(end - std::atoll(text)) / 1000.0;
+}
+
+// The floor: fork+exec of a static program that binds both listeners and passes them back.
+double floorTransfer(const std::string& floor) {
+  int pair[2];
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) die("socketpair");
+  const int64_t start = now();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int target = 3;
+    if (!LDPlaceDescriptorsForExec(&pair[1], &target, 1)) ::_exit(125);
+    ::execl(floor.c_str(), floor.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(pair[1]);
+  LDReceivedPacket packet;
+  int errorNumber = 0;
+  pollfd ready{pair[0], POLLIN, 0};
+  ::poll(&ready, 1, 5000);
+  if (LDReceivePacket(pair[0], 16, &packet, &errorNumber) != LDReceiveResult::packet ||
+      packet.descriptors.size() != 2) {
+    die("the floor program passed nothing");
+  }
+  if (reap(child) != 0) die("the floor program failed");
+  const int64_t end = now();
+  ::close(pair[0]);
+  return static_cast<double>(end - start) / 1000.0;
+}
+
+// A round trip on an open, admitted connection: Request to RequestReply (the helper binds,
+// duplicates and draws a token in between), then Complete to CompleteReply.
+void warmRoundTrip(const std::string& helper, const std::string& socketPath, Stats& request, Stats& complete) {
+  LDFileHandle listening = listenAt(socketPath);
+  LDFileHandle client(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+  if (::connect(client.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) die("connect");
+  const pid_t helperPid = activateHelper(helper, listening.fileDescriptor());
+  listening.reset();
+  const auto receive = [&](LDReceivedPacket& packet) {
+    pollfd ready{client.fileDescriptor(), POLLIN, 0};
+    int errorNumber = 0;
+    if (::poll(&ready, 1, 10000) != 1 ||
+        LDReceivePacket(client.fileDescriptor(), LDWireMaximumPacketSize, &packet, &errorNumber) != LDReceiveResult::packet) {
+      die("the helper did not answer (is this program signed as the application?)");
+    }
+  };
+  LDReceivedPacket packet;
+  receive(packet);  // Hello: admitted
+  int64_t start = now();
+  (void)LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDRequestMessage{1}), {}, false);
+  receive(packet);
+  request.values.push_back(static_cast<double>(now() - start) / 1000.0);
+  const auto reply = LDDecodeMessage(packet.bytes, packet.descriptors.size());
+  const auto* transferred = reply ? std::get_if<LDRequestReplyMessage>(&*reply) : nullptr;
+  if (!transferred || transferred->status != 0) die("the warm request failed");
+  start = now();
+  (void)LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDCompleteMessage{1, transferred->token, true}), {}, false);
+  receive(packet);
+  complete.values.push_back(static_cast<double>(now() - start) / 1000.0);
+  if (reap(helperPid) != 0) die("the helper did not exit 0");
+}
+
+// A signed copy of the client padded to about `size` bytes: the loader ignores what follows the
+// ELF image, the signature covers it all.
+std::string paddedClient(const std::string& client, const std::string& directory, size_t size,
+                         const LDSigningIdentity& identity) {
+  const std::string path = directory + "/client-" + std::to_string(size >> 20) + "MiB";
+  std::ifstream input(client, std::ios::binary);
+  std::ostringstream bytes;
+  bytes << input.rdbuf();
+  std::string image = bytes.str();
+  const LDSignatureLocation location = LDLocateSignature(
+      image.size(), std::string_view(image).substr(image.size() - std::min(image.size(), LDSignatureTrailerSize)));
+  if (location.status == 0) image.resize(location.codeSize);
+  if (image.size() < size) image.resize(size, '\x5a');
+  {
+    std::ofstream output(path, std::ios::binary | std::ios::trunc);
+    output << image;
+  }
+  ::chmod(path.c_str(), 0755);
+  std::string error;
+  if (!LDSignFile(path, LD_APP_IDENTIFIER, identity, &error)) die(error);
+  return path;
+}
+
+double verifySeconds(const std::string& path, int rounds) {
+  const std::string requirement = "identifier \"" + std::string(LD_APP_IDENTIFIER) + "\" and anchor apple generic";
+  std::unique_ptr<LDRequirement> compiled;
+  LDRequirementCreateWithString(requirement, &compiled);
+  double best = 1e9;
+  for (int i = 0; i < rounds; ++i) {
+    const int64_t start = now();
+    LDFileHandle file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string detail;
+    if (LDCheckSignatureOfDescriptor(file.fileDescriptor(), compiled.get(), LDTrustAnchors::compiledIn(), &detail) != 0) {
+      die("verification failed: " + detail);
+    }
+    best = std::min(best, static_cast<double>(now() - start) / 1e9);
+  }
+  return best;
+}
+
+double opensslSeconds(const std::string& path, int rounds) {
+  double best = 1e9;
+  const std::string command = "openssl dgst -sha256 '" + path + "' > /dev/null";
+  for (int i = 0; i < rounds; ++i) {
+    const int64_t start = now();
+    if (std::system(command.c_str()) != 0) die("openssl dgst failed");
+    best = std::min(best, static_cast<double>(now() - start) / 1e9);
+  }
+  return best;
+}
+
+class NoAcceptConn final : public LDSystemCalls {
+ public:
+  LDSystemCallResult getsockopt(int fd, int level, int name, void* value, socklen_t* length) override {
+    if (level == SOL_SOCKET && name == SO_ACCEPTCONN) return {-1, ENOPROTOOPT};
+    return LDSystemCalls::getsockopt(fd, level, name, value, length);
+  }
+};
+
+// Microseconds per validated descriptor, on the SO_ACCEPTCONN path and on the probe path.
+std::pair<double, double> validationCost() {
+  auto listeners = LDLoopbackListeners::initWithPort(8080);
+  if (!listeners) die("no listeners on 8080");
+  const LDListenerEndpoint endpoint(AF_INET, "127.0.0.1", 8080);
+  NoAcceptConn probe;
+  constexpr int kRounds = 2000;
+  int64_t start = now();
+  for (int i = 0; i < kRounds; ++i) {
+    if (!LDLoopbackListeners::validateReceivedFileDescriptor(listeners->ipv4FileDescriptor(), endpoint)) die("validation");
+  }
+  const double direct = static_cast<double>(now() - start) / 1000.0 / kRounds;
+  start = now();
+  for (int i = 0; i < kRounds; ++i) {
+    if (!LDLoopbackListeners::validateReceivedFileDescriptor(listeners->ipv4FileDescriptor(), endpoint, nullptr, probe)) {
+      die("probe validation");
+    }
+  }
+  const double probed = static_cast<double>(now() - start) / 1000.0 / kRounds;
+  return {direct, probed};
+}
+
+// Median microseconds to spawn argv and see it exit, run as uid (or as root when -1).
+double spawnToExit(const std::vector<std::string>& argv, int uid, int rounds) {
+  Stats stats;
+  for (int i = 0; i < rounds; ++i) {
+    const int64_t start = now();
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, 1);
+      ::dup2(null, 2);
+      const auto id = static_cast<uid_t>(uid);
+      if (uid >= 0 && (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(id, id, id) != 0)) ::_exit(126);
+      std::vector<char*> arguments;
+      for (const std::string& word : argv) arguments.push_back(const_cast<char*>(word.c_str()));
+      arguments.push_back(nullptr);
+      ::execv(arguments[0], arguments.data());
+      ::_exit(127);
+    }
+    (void)reap(child);
+    stats.values.push_back(static_cast<double>(now() - start) / 1000.0);
+  }
+  return stats.median();
+}
+
+long fileSize(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? static_cast<long>(status.st_size) : -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 6) die("usage: handoff_bench HELPER CLIENT FLOOR WORKDIR OUTPUT.json [TRANSFERS]");
+  const std::string helper = argv[1], client = argv[2], floor = argv[3], work = argv[4], output = argv[5];
+  const int transfers = argc > 6 ? std::atoi(argv[6]) : 200;
+  const bool coldOnly = argc > 7 && std::string(argv[7]) == "--cold-only";
+  bringLoopbackUp();
+  std::string error;
+  const auto identity = LDLoadSigningIdentity(LD_SIGNING_KEY, LD_SIGNING_CERT, LD_SIGNING_CHAIN, &error);
+  if (!identity) die(error);
+
+  const std::string socketPath = work + "/helper.sock";
+  LDFileHandle listening = listenAt(socketPath);
+  long rss = 0, peakRss = 0;
+  Stats cold, floorStats, warmRequest, warmComplete;
+  for (int i = 0; i < 10; ++i) (void)coldTransfer(helper, client, listening.fileDescriptor(), socketPath, &rss);  // warm-up
+  for (int i = 0; i < transfers; ++i) {
+    cold.values.push_back(coldTransfer(helper, client, listening.fileDescriptor(), socketPath, &rss));
+    peakRss = std::max(peakRss, rss);
+    floorStats.values.push_back(floorTransfer(floor));
+  }
+  listening.reset();
+  if (coldOnly) {
+    std::printf("cold transfer median %.0f us, p99 %.0f us; floor median %.0f us; helper peak RSS %ld KiB\n",
+                cold.median(), cold.p99(), floorStats.median(), peakRss);
+    return 0;
+  }
+  for (int i = 0; i < std::min(transfers, 100); ++i) warmRoundTrip(helper, work + "/warm.sock", warmRequest, warmComplete);
+
+  struct BySize {
+    size_t mebibytes;
+    Stats cold;
+    double verify = 0, openssl = 0;
+  };
+  std::vector<BySize> sizes = {{1, {}}, {16, {}}, {128, {}}};
+  LDFileHandle sizedListening = listenAt(socketPath);
+  for (BySize& row : sizes) {
+    const std::string padded = paddedClient(client, work, row.mebibytes << 20, *identity);
+    const int rounds = row.mebibytes >= 128 ? 10 : 30;
+    for (int i = 0; i < rounds; ++i) {
+      row.cold.values.push_back(coldTransfer(helper, padded, sizedListening.fileDescriptor(), socketPath, &rss));
+      peakRss = std::max(peakRss, rss);
+    }
+    row.verify = verifySeconds(padded, 5);
+    row.openssl = opensslSeconds(padded, 5);
+  }
+  const auto [validateDirect, validateProbe] = validationCost();
+
+  // Where a cold transfer goes: the helper's own start (as nobody it stops at its first check),
+  // and a signature check in a fresh process, which pays libcrypto's first-use set-up.
+  const double helperStart = spawnToExit({helper}, 65534, 200);
+  const std::string codesign = helper.substr(0, helper.rfind('/')) + "/ld-codesign";
+  const std::string root = std::string(LD_SIGNING_CERT).substr(0, std::string(LD_SIGNING_CERT).rfind('/')) + "/root.pem";
+  const double freshVerify = spawnToExit({codesign, "verify", "--anchor", root, "--requirement", "anchor apple generic", client}, -1, 200);
+  const double trueStart = spawnToExit({"/bin/true"}, -1, 200);
+
+  std::printf("\n%-44s %12s %12s\n", "measurement", "median", "p99");
+  std::printf("%-44s %9.0f us %9.0f us\n", ("cold transfer, client " + std::to_string(fileSize(client) >> 10) + " KiB").c_str(),
+              cold.median(), cold.p99());
+  std::printf("%-44s %9.0f us %9.0f us\n", "floor (static bind + pass, fork+exec)", floorStats.median(), floorStats.p99());
+  std::printf("%-44s %12.2f\n", "cold / floor (median)", cold.median() / floorStats.median());
+  std::printf("%-44s %9.0f us %9.0f us\n", "warm request -> reply (open connection)", warmRequest.median(), warmRequest.p99());
+  std::printf("%-44s %9.0f us %9.0f us\n", "warm complete -> reply", warmComplete.median(), warmComplete.p99());
+  std::printf("%-44s %9.0f us\n", "  helper start alone (exits at first check)", helperStart);
+  std::printf("%-44s %9.0f us\n", "  fresh process: start + one signature check", freshVerify);
+  std::printf("%-44s %9.0f us\n", "  /bin/true, for scale", trueStart);
+  std::printf("\n%-12s %14s %14s %14s %10s\n", "client size", "cold median", "verify", "openssl dgst", "ratio");
+  for (const BySize& row : sizes) {
+    std::printf("%8zu MiB %11.0f us %11.1f ms %11.1f ms %10.2f\n", row.mebibytes, row.cold.median(),
+                row.verify * 1000, row.openssl * 1000, row.openssl / row.verify);
+  }
+  std::printf("\n%-44s %9ld KiB\n", "helper peak RSS", peakRss);
+  std::printf("%-44s %9ld KiB\n", "helper binary", fileSize(helper) >> 10);
+  std::printf("%-44s %9ld KiB\n", "client binary", fileSize(client) >> 10);
+  std::printf("%-44s %9.1f us\n", "validation per descriptor, SO_ACCEPTCONN", validateDirect);
+  std::printf("%-44s %9.1f us\n", "validation per descriptor, probe", validateProbe);
+
+  std::ofstream json(output);
+  json << "{\n  \"transfers\": " << transfers << ",\n"
+       << "  \"cold_median_us\": " << cold.median() << ", \"cold_p99_us\": " << cold.p99() << ",\n"
+       << "  \"floor_median_us\": " << floorStats.median() << ", \"floor_p99_us\": " << floorStats.p99() << ",\n"
+       << "  \"cold_over_floor\": " << cold.median() / floorStats.median() << ",\n"
+       << "  \"warm_request_median_us\": " << warmRequest.median() << ", \"warm_request_p99_us\": " << warmRequest.p99() << ",\n"
+       << "  \"warm_complete_median_us\": " << warmComplete.median() << ",\n"
+       << "  \"helper_start_us\": " << helperStart << ", \"fresh_signature_check_us\": " << freshVerify
+       << ", \"true_start_us\": " << trueStart << ",\n"
+       << "  \"by_client_size\": [";
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    json << (i ? ", " : "") << "{\"mib\": " << sizes[i].mebibytes << ", \"cold_median_us\": " << sizes[i].cold.median()
+         << ", \"verify_s\": " << sizes[i].verify << ", \"openssl_s\": " << sizes[i].openssl
+         << ", \"openssl_over_verify\": " << sizes[i].openssl / sizes[i].verify << "}";
+  }
+  json << "],\n  \"helper_peak_rss_kib\": " << peakRss << ",\n"
+       << "  \"helper_binary_bytes\": " << fileSize(helper) << ", \"client_binary_bytes\": " << fileSize(client) << ",\n"
+       << "  \"validation_acceptconn_us\": " << validateDirect << ", \"validation_probe_us\": " << validateProbe << "\n}\n";
+  std::printf("\nwritten %s\n", output.c_str());
+  return 0;
+}
