@@ -25,34 +25,8 @@ using ldtest::ScriptedSystemCalls;
 
 enum class Listen { no, yes };
 
-// A socket of the given family and type bound to loopback at port, without close-on-exec (a
-// received descriptor need not carry it), listening when asked.
 LDFileHandle loopbackSocket(int family, int type, uint16_t port, Listen listen, bool v6only = true) {
-  LDFileHandle fd(::socket(family, type, 0));
-  const int on = 1, off = 0;
-  if (family == AF_INET6) {
-    ::setsockopt(fd.fileDescriptor(), IPPROTO_IPV6, IPV6_V6ONLY, v6only ? &on : &off, sizeof on);
-  }
-  sockaddr_storage storage{};
-  socklen_t length;
-  if (family == AF_INET) {
-    auto* a = reinterpret_cast<sockaddr_in*>(&storage);
-    a->sin_family = AF_INET;
-    a->sin_port = htons(port);
-    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    length = sizeof(sockaddr_in);
-  } else {
-    auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
-    a->sin6_family = AF_INET6;
-    a->sin6_port = htons(port);
-    a->sin6_addr = in6addr_loopback;
-    length = sizeof(sockaddr_in6);
-  }
-  EXPECT_EQ(::bind(fd.fileDescriptor(), reinterpret_cast<sockaddr*>(&storage), length), 0) << std::strerror(errno);
-  if (listen == Listen::yes) {
-    EXPECT_EQ(::listen(fd.fileDescriptor(), 8), 0);
-  }
-  return fd;
+  return ldtest::loopbackSocket(family, type, port, listen == Listen::yes, v6only);
 }
 
 // The descriptor under test and whatever must stay open while it is tested.

@@ -37,31 +37,6 @@ int intOption(int fd, int level, int name) {
   return value;
 }
 
-// A listening socket that holds the port on one of the two loopback addresses.
-LDFileHandle occupy(int family, uint16_t port) {
-  LDFileHandle fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const int on = 1;
-  if (family == AF_INET6) ::setsockopt(fd.fileDescriptor(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-  sockaddr_storage storage{};
-  socklen_t length;
-  if (family == AF_INET) {
-    auto* a = reinterpret_cast<sockaddr_in*>(&storage);
-    a->sin_family = AF_INET;
-    a->sin_port = htons(port);
-    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    length = sizeof(sockaddr_in);
-  } else {
-    auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
-    a->sin6_family = AF_INET6;
-    a->sin6_port = htons(port);
-    a->sin6_addr = in6addr_loopback;
-    length = sizeof(sockaddr_in6);
-  }
-  EXPECT_EQ(::bind(fd.fileDescriptor(), reinterpret_cast<sockaddr*>(&storage), length), 0);
-  EXPECT_EQ(::listen(fd.fileDescriptor(), 1), 0);
-  return fd;
-}
-
 // Connects to the endpoint and accepts that connection through `listener`.
 void expectServes(int listener, const LDListenerEndpoint& endpoint) {
   std::optional<LDError> error;
@@ -184,7 +159,7 @@ class TakenPortTest : public testing::TestWithParam<TakenPortCase> {};
 // when ::1 is the taken one, the IPv4 listener that was already made is closed again.
 TEST_P(TakenPortTest, FailsWithAddressInUseFromBindAndLeavesNothingOpen) {
   const uint16_t port = ldtest::freeLoopbackPort();
-  LDFileHandle holder = occupy(GetParam().takenFamily, port);
+  LDFileHandle holder = ldtest::loopbackSocket(GetParam().takenFamily, SOCK_STREAM, port, true);
   const auto before = openDescriptors();
   std::optional<LDError> error;
   EXPECT_FALSE(LDLoopbackListeners::initWithPort(port, &error));

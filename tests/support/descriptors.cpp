@@ -36,6 +36,34 @@ std::string descriptorDifference(const std::set<int>& before, const std::set<int
   return difference;
 }
 
+LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening, bool v6only) {
+  LDFileHandle fd(::socket(family, type, 0));
+  if (family == AF_INET6) {
+    const int option = v6only ? 1 : 0;
+    ::setsockopt(fd.fileDescriptor(), IPPROTO_IPV6, IPV6_V6ONLY, &option, sizeof option);
+  }
+  sockaddr_storage storage{};
+  socklen_t length;
+  if (family == AF_INET) {
+    auto* address = reinterpret_cast<sockaddr_in*>(&storage);
+    address->sin_family = AF_INET;
+    address->sin_port = htons(port);
+    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    length = sizeof(sockaddr_in);
+  } else {
+    auto* address = reinterpret_cast<sockaddr_in6*>(&storage);
+    address->sin6_family = AF_INET6;
+    address->sin6_port = htons(port);
+    address->sin6_addr = in6addr_loopback;
+    length = sizeof(sockaddr_in6);
+  }
+  if (::bind(fd.fileDescriptor(), reinterpret_cast<sockaddr*>(&storage), length) != 0 ||
+      (listening && ::listen(fd.fileDescriptor(), 8) != 0)) {
+    throw std::runtime_error("cannot bind a loopback test socket at port " + std::to_string(port));
+  }
+  return fd;
+}
+
 unsigned short freeLoopbackPort() {
   for (int attempt = 0; attempt < 64; ++attempt) {
     const int probe4 = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -2,8 +2,11 @@
 
 // Proof that descriptors were closed: the set of open descriptors from /proc/self/fd.
 
+#include <cstdint>
 #include <set>
 #include <string>
+
+#include "shared/file_handle.h"
 
 namespace ldtest {
 
@@ -11,6 +14,11 @@ std::set<int> openDescriptors();
 
 // Readable difference between two snapshots, empty when they are equal.
 std::string descriptorDifference(const std::set<int>& before, const std::set<int>& after);
+
+// A socket of the given family and type bound to the loopback address at port, listening when
+// asked, without close-on-exec (as a received descriptor may be). IPv6 sockets get IPV6_V6ONLY
+// as given before binding.
+LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening, bool v6only = true);
 
 // A TCP port on which both 127.0.0.1 and ::1 are free right now, asked of the kernel.
 unsigned short freeLoopbackPort();
