@@ -20,6 +20,7 @@
 
 #include "shared/file_handle.h"
 
+#include "support/process.h"
 #include "tools/code_signer.h"
 
 namespace ldtest {
@@ -55,9 +56,6 @@ std::string signWithBuildIdentity(const std::string& path, const std::string& id
 ChildProcess ChildProcess::start(const std::vector<std::string>& argv, int uid, int listeningSocket) {
   int input[2], output[2];
   if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-  std::vector<char*> arguments;
-  for (const std::string& word : argv) arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
   const pid_t child = ::fork();
   if (child < 0) throw std::runtime_error("fork");
   if (child == 0) {
@@ -70,15 +68,7 @@ ChildProcess ChildProcess::start(const std::vector<std::string>& argv, int uid, 
       ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
       ::setenv("LISTEN_FDS", "1", 1);
     }
-    if (uid >= 0) {
-      const auto id = static_cast<uid_t>(uid);
-      if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
-          ::setresuid(id, id, id) != 0) {
-        ::_exit(126);
-      }
-    }
-    ::execv(arguments[0], arguments.data());
-    ::_exit(127);
+    execAs(argv, uid);
   }
   ::close(input[0]);
   ::close(output[1]);

@@ -11,28 +11,32 @@
 
 namespace ldtest {
 
-ProcessResult runProgram(const std::vector<std::string>& argv, int runAsUid) {
-  int out[2], err[2];
-  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+void execAs(const std::vector<std::string>& argv, int uid) {
   std::vector<char*> arguments;
   for (const std::string& word : argv) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
+  if (uid >= 0) {
+    const auto id = static_cast<uid_t>(uid);
+    const passwd* user = ::getpwuid(id);
+    const gid_t group = user ? user->pw_gid : static_cast<gid_t>(uid);
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(group, group, group) != 0 ||
+        ::setresuid(id, id, id) != 0) {
+      ::_exit(126);
+    }
+  }
+  ::execv(arguments[0], arguments.data());
+  ::_exit(127);
+}
+
+ProcessResult runProgram(const std::vector<std::string>& argv, int runAsUid) {
+  int out[2], err[2];
+  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
   const pid_t child = ::fork();
   if (child < 0) throw std::runtime_error("fork");
   if (child == 0) {
     ::dup2(out[1], 1);
     ::dup2(err[1], 2);
-    if (runAsUid >= 0) {
-      const passwd* user = ::getpwuid(static_cast<uid_t>(runAsUid));
-      const gid_t group = user ? user->pw_gid : static_cast<gid_t>(runAsUid);
-      if (::setgroups(0, nullptr) != 0 || ::setresgid(group, group, group) != 0 ||
-          ::setresuid(static_cast<uid_t>(runAsUid), static_cast<uid_t>(runAsUid),
-                      static_cast<uid_t>(runAsUid)) != 0) {
-        ::_exit(126);
-      }
-    }
-    ::execv(arguments[0], arguments.data());
-    ::_exit(127);
+    execAs(argv, runAsUid);
   }
   ::close(out[1]);
   ::close(err[1]);

@@ -17,4 +17,8 @@ struct ProcessResult {
 // primary group) before exec.
 ProcessResult runProgram(const std::vector<std::string>& argv, int runAsUid = -1);
 
+// In a forked child: drops to uid (and its primary group, no supplementary groups) unless uid is
+// -1, then execs argv. Exits 126 if the identity cannot be changed, 127 if exec fails.
+[[noreturn]] void execAs(const std::vector<std::string>& argv, int uid);
+
 }  // namespace ldtest
