@@ -36,9 +36,6 @@ class LDHelperConnection final : public LDListenerConnection {
 
   void scheduleSendBarrierBlock(std::function<void()> barrier) override;
 
-  int fileDescriptor() const { return _socket.fileDescriptor(); }
-  const LDAdmittedPeer& peer() const { return _peer; }
-
  private:
   struct Outgoing {
     std::string packet;                       // empty for a barrier

@@ -38,8 +38,6 @@ class LDServiceListener {
   void setDelegate(LDServiceListenerDelegate* delegate) { _delegate = delegate; }
   void activate();
 
-  size_t connectionCount() const { return _connections.size(); }
-
  private:
   void acceptConnections();
   void admit(LDFileHandle socket);

@@ -157,6 +157,14 @@ std::optional<LDSignatureManifest> LDParseManifest(std::string_view text) {
   return manifest;
 }
 
+LDSignatureLocation LDLocateSignatureOfDescriptor(int fd, uint64_t fileSize) {
+  std::string tail(std::min<uint64_t>(fileSize, LDSignatureTrailerSize), '\0');
+  if (!LDReadFully(fd, fileSize - tail.size(), tail.data(), tail.size())) {
+    return {errSecCSSignatureNotVerifiable};
+  }
+  return LDLocateSignature(fileSize, tail);
+}
+
 std::string LDFormatSignatureTrailer(uint32_t blobSize) {
   std::string trailer(reinterpret_cast<const char*>(kInfoPrefix), sizeof kInfoPrefix);
   for (const int shift : {24, 16, 8, 0}) {

@@ -58,6 +58,10 @@ struct LDSignatureLocation {
 };
 LDSignatureLocation LDLocateSignature(uint64_t fileSize, std::string_view tail);
 
+// The same for an open file of fileSize bytes, reading its last bytes through fd; a failed read
+// gives errSecCSSignatureNotVerifiable.
+LDSignatureLocation LDLocateSignatureOfDescriptor(int fd, uint64_t fileSize);
+
 // The 12-byte info and the magic for a blob of blobSize bytes.
 std::string LDFormatSignatureTrailer(uint32_t blobSize);
 

@@ -38,11 +38,10 @@ int32_t LDCheckSignatureOfDescriptor(int fd, const LDRequirement* requirement,
     return fail(detail, errSecCSSignatureNotVerifiable, "the code is not a readable regular file");
   }
   const auto fileSize = static_cast<uint64_t>(status.st_size);
-  std::string tail(std::min<uint64_t>(fileSize, LDSignatureTrailerSize), '\0');
-  if (!LDReadFully(fd, fileSize - tail.size(), tail.data(), tail.size())) {
+  const LDSignatureLocation location = LDLocateSignatureOfDescriptor(fd, fileSize);
+  if (location.status == errSecCSSignatureNotVerifiable) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the code could not be read");
   }
-  const LDSignatureLocation location = LDLocateSignature(fileSize, tail);
   if (location.status == errSecCSUnsigned) {
     return fail(detail, errSecCSUnsigned, "the code is not signed");
   }

@@ -158,12 +158,11 @@ bool LDSignFile(const std::string& path, const std::string& identifier,
   const auto fileSize = static_cast<uint64_t>(status.st_size);
 
   // A file signed before keeps only its code; the old signature is replaced.
-  std::string tail(std::min<uint64_t>(fileSize, LDSignatureTrailerSize), '\0');
-  if (!LDReadFully(original.fileDescriptor(), fileSize - tail.size(), tail.data(), tail.size())) {
+  const LDSignatureLocation location = LDLocateSignatureOfDescriptor(original.fileDescriptor(), fileSize);
+  if (location.status == errSecCSSignatureNotVerifiable) {
     *error = "cannot read " + path;
     return false;
   }
-  const LDSignatureLocation location = LDLocateSignature(fileSize, tail);
   if (location.status == errSecCSSignatureInvalid) {
     *error = path + " ends in a malformed signature trailer; refusing to sign over it";
     return false;

@@ -128,11 +128,9 @@ int display(const Arguments& arguments) {
   if (!file.isValid()) return failure("cannot open " + path + ": " + std::strerror(errno));
   const off_t size = ::lseek(file.fileDescriptor(), 0, SEEK_END);
   if (size < 0) return failure("cannot read " + path);
-  std::string tail(std::min<uint64_t>(static_cast<uint64_t>(size), LDSignatureTrailerSize), '\0');
-  if (!LDReadFully(file.fileDescriptor(), static_cast<uint64_t>(size) - tail.size(), tail.data(), tail.size())) {
-    return failure("cannot read " + path);
-  }
-  const LDSignatureLocation location = LDLocateSignature(static_cast<uint64_t>(size), tail);
+  const LDSignatureLocation location =
+      LDLocateSignatureOfDescriptor(file.fileDescriptor(), static_cast<uint64_t>(size));
+  if (location.status == errSecCSSignatureNotVerifiable) return failure("cannot read " + path);
   if (location.status == errSecCSUnsigned) return failure(path + " is not signed");
   if (location.status != 0) return failure(path + " ends in a malformed signature trailer");
   std::string blob(location.blobSize, '\0');
