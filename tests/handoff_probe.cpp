@@ -12,11 +12,16 @@
 //   handoff_probe connect-then-exec PATH PROGRAM            connect, then exec PROGRAM on the socket
 //   handoff_probe inherited-wait FD                         report what arrives on an inherited socket
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
+//   handoff_probe greet PATH                                report whether the helper greets us
+//   handoff_probe drop-group PATH                           greeted, give the group up, then request
+//   handoff_probe steal PID                                 try to take PID's descriptors
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,12 +105,47 @@ int httpServer(int port) {
   }
 }
 
+// Every way a process of the same user could take another's descriptors: "stolen N", or
+// "refused" when the kernel said no (not merely found nothing).
+std::string steal(pid_t target) {
+  const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, target, 0u));
+  int stolen = 0;
+  bool denied = false;
+  for (int fd = 0; fd < 64; ++fd) {
+    const std::string path = "/proc/" + std::to_string(target) + "/fd/" + std::to_string(fd);
+    for (const int got : {pidfd < 0 ? -1 : static_cast<int>(::syscall(SYS_pidfd_getfd, pidfd, fd, 0u)),
+                          ::open(path.c_str(), O_RDONLY | O_CLOEXEC)}) {
+      if (got >= 0) {
+        ++stolen;
+        ::close(got);
+      } else if (errno == EPERM || errno == EACCES) {
+        denied = true;
+      }
+    }
+  }
+  return stolen > 0 ? "stolen " + std::to_string(stolen) : denied ? "refused" : "nothing to take";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 3) return 64;
   const std::string mode = argv[1];
   if (mode == "http-server") return httpServer(std::atoi(argv[2]));
+  if (mode == "steal") {
+    say(steal(std::atoi(argv[2])));
+    return 0;
+  }
+  if (mode == "greet" || mode == "drop-group") {
+    const int fd = connectTo(argv[2]);
+    say(next(fd, 5000));
+    if (mode == "greet") return 0;
+    const gid_t real = ::getgid();
+    if (::setresgid(real, real, real) != 0) return 1;
+    sendMessage(fd, LDRequestMessage{1});
+    say(next(fd, 3000));
+    return 0;
+  }
   if (mode == "inherited-wait") {
     say(next(std::atoi(argv[2]), 3000));
     return 0;

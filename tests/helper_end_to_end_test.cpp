@@ -48,8 +48,9 @@ class Findings {
 };
 
 // A signed copy of the protocol probe, as the application.
-std::string installSignedProbe(ProgramDirectory& programs, const std::string& name = "probe") {
-  const std::string probe = programs.install(LD_PROBE, name);
+std::string installSignedProbe(ProgramDirectory& programs, const std::string& name = "probe",
+                               bool setGroupId = true) {
+  const std::string probe = programs.install(LD_PROBE, name, setGroupId);
   const std::string problem = ldtest::signWithBuildIdentity(probe, kApp);
   if (!problem.empty()) throw std::runtime_error(problem);
   return probe;
@@ -168,9 +169,9 @@ TEST(HelperEndToEnd, AClientThatNeverReadsDoesNotKeepTheHelperAlive) {
   }), "");
 }
 
-// Every one of these is refused without disturbing the helper, which then serves a legitimate
-// client and exits 0.
-std::string refusalScenario() {
+// Every one of these is refused without disturbing the helper, which greets a legitimate client
+// right after each, and at the end serves one and exits 0.
+std::string refusalScenario(const std::string& helperPath) {
     Findings findings;
     ProgramDirectory programs;
     ldtest::TemporaryDirectory pkiDirectory;
@@ -178,6 +179,8 @@ std::string refusalScenario() {
     const std::string socket = programs.file("helper.sock");
     const std::string signedProbe = installSignedProbe(programs);
     const std::string unsignedProbe = programs.install(LD_PROBE, "unsigned");
+    const std::string plainProbe = installSignedProbe(programs, "plain", false);
+    const std::string group = std::to_string(ldtest::applicationGroup());
 
     std::string error;
     const auto stranger = pki.makeLeaf(pki.makeRoot("Stranger Root"), "Stranger", {.team = "DEVTEAM001"});
@@ -191,26 +194,52 @@ std::string refusalScenario() {
     const std::string tampered = installSignedProbe(programs, "tampered");
     std::string bytes = ldtest::readFile(tampered);
     bytes[1000] = static_cast<char>(bytes[1000] ^ 0x40);
-    ldtest::writeFile(tampered, bytes, 0755);
+    ldtest::writeFile(tampered, bytes, 02755);
 
     const std::string writable = installSignedProbe(programs, "writable");
-    ::chmod(writable.c_str(), 0757);
+    ::chmod(writable.c_str(), 02775);
     const std::string notRoots = installSignedProbe(programs, "not-roots");
-    findings.expect(::chown(notRoots.c_str(), kNobody, kNobody) == 0, "chown");
+    findings.expect(::chown(notRoots.c_str(), kNobody, ldtest::applicationGroup()) == 0 &&
+                        ::chmod(notRoots.c_str(), 02755) == 0,
+                    "chown");
+    // A copy of the C library, to mount over the real one where a user namespace allows it.
+    const std::string libc = "/lib/x86_64-linux-gnu/libc.so.6";
+    ldtest::writeFile(programs.file("libc-copy"), ldtest::readFile(libc), 0755);
 
     struct Case {
       std::string name;
       std::vector<std::string> argv;
       std::string output;
+      int uid = kNobody;
+    };
+    const std::vector<std::string> request = {"version", "1", socket};
+    auto run = [&](std::vector<std::string> prefix, const std::string& program) {
+      prefix.push_back(program);
+      prefix.insert(prefix.end(), request.begin(), request.end());
+      return prefix;
     };
     std::vector<Case> cases = {
-        {"unsigned", {unsignedProbe, "version", "1", socket}, "closed\n"},
-        {"another CA", {otherCa, "version", "1", socket}, "closed\n"},
-        {"wrong identifier", {wrongIdentifier, "version", "1", socket}, "closed\n"},
-        {"tampered after signing", {tampered, "version", "1", socket}, "closed\n"},
-        {"writable by others", {writable, "version", "1", socket}, "closed\n"},
-        {"not owned by root", {notRoots, "version", "1", socket}, "closed\n"},
+        {"unsigned", run({}, unsignedProbe), "closed\n"},
+        {"another CA", run({}, otherCa), "closed\n"},
+        {"wrong identifier", run({}, wrongIdentifier), "closed\n"},
+        {"tampered after signing", run({}, tampered), "closed\n"},
+        {"writable by its group", run({}, writable), "closed\n"},
+        {"not owned by root", run({}, notRoots), "closed\n"},
+        {"signed, installed without set-group-ID", run({}, plainProbe), "closed\n"},
+        {"preloaded into a plain install", run({"/usr/bin/env", "LD_PRELOAD=" + libc}, plainProbe), "closed\n"},
+        {"set-group-ID under no-new-privs", run({"/usr/bin/setpriv", "--no-new-privs"}, signedProbe), "closed\n"},
+        {"in a user namespace of its own", run({"/usr/bin/unshare", "-Ur"}, signedProbe), "closed\n"},
+        {"a library mounted over in its own namespace",
+         run({"/usr/bin/unshare", "-Urm", "sh", "-c",
+              "mount --bind \"$0\" " + libc + " && exec \"$@\"", programs.file("libc-copy")},
+             signedProbe),
+         "closed\n"},
+        {"exe swapped with PR_SET_MM_MAP", {LD_EXE_SWAP_PROBE, signedProbe, socket}, "swapped\nclosed\n"},
+        {"a member of the application's group",
+         run({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--groups=" + group}, signedProbe),
+         "closed\n", -1},
         {"garbage after Hello", {signedProbe, "after-hello-garbage", socket}, "hello\nclosed\n"},
+        {"gives its group up after Hello", {signedProbe, "drop-group", socket}, "hello\nclosed\n"},
         {"request from a forked unsigned child", {signedProbe, "forked-sender", socket, unsignedProbe}, "hello\nclosed\n"},
         // Whether the helper looks before or after the exec, it must refuse.
         {"connects, then execs the signed client", {unsignedProbe, "connect-then-exec", socket, signedProbe}, "closed\n"},
@@ -231,14 +260,15 @@ std::string refusalScenario() {
       const auto identity = LDLoadSigningIdentity(otherTeam.keyPath, otherTeam.certificatePath, "", &error);
       const std::string wrongTeam = programs.install(LD_PROBE, "wrong-team");
       findings.expect(identity && LDSignFile(wrongTeam, kApp, *identity, &error), "sign for another team: " + error);
-      cases.push_back({"wrong team", {wrongTeam, "version", "1", socket}, "closed\n"});
+      cases.push_back({"wrong team", run({}, wrongTeam), "closed\n"});
     }
 #endif
 
-    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    ChildProcess helper = ldtest::startHelper(helperPath, socket);
     for (const Case& c : cases) {
-      const auto result = ldtest::runProgram(c.argv, kNobody);
-      findings.expectEqual(result.standardOutput, c.output, c.name);
+      findings.expectEqual(ldtest::runProgram(c.argv, c.uid).standardOutput, c.output, c.name);
+      findings.expectEqual(ldtest::runProgram({signedProbe, "greet", socket}, kNobody).standardOutput, "hello\n",
+                           "a legitimate client right after: " + c.name);
     }
     // These send at once; the helper is stopped until they have, so what it finds was there
     // before it could have greeted them.
@@ -260,7 +290,61 @@ std::string refusalScenario() {
 }
 
 TEST(HelperEndToEnd, RefusedPeersNeverReachTheServiceWhileItKeepsServing) {
-  EXPECT_EQ(runInPrivateNetworkNamespace(refusalScenario), "");
+  EXPECT_EQ(runInPrivateNetworkNamespace([] { return refusalScenario(LD_HELPER); }), "");
+}
+
+// As on kernels before 6.5: the peer is pinned by pid and start time, not by SO_PEERPIDFD.
+TEST(HelperEndToEnd, RefusalsHoldWithoutPeerPidfd) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] { return refusalScenario(LD_HELPER_WITHOUT_PEER_PIDFD); }), "");
+}
+
+// Built for signature-only admission, the helper serves a signed client that is not set-group-ID.
+TEST(HelperEndToEnd, SignatureOnlyBuildAdmitsAPlainInstall) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string plainProbe = installSignedProbe(programs, "plain", false);
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER_SIGNATURE_ONLY, socket);
+    // Without set-group-ID the user namespace is what keeps a rewritten exe link out.
+    findings.expectEqual(ldtest::runProgram({LD_EXE_SWAP_PROBE, plainProbe, socket}, kNobody).standardOutput,
+                         "swapped\nclosed\n", "exe swapped with PR_SET_MM_MAP");
+    findings.expectEqual(ldtest::runProgram({plainProbe, "version", "2", socket}, kNobody).standardOutput,
+                         "hello\nstatus 3 Unsupported protocol version\n", "the plain install is admitted");
+    findings.expect(helper.wait(5000) == 1, "the helper exits 1");
+    return findings.text();
+  }), "");
+}
+
+// The kernel keeps another process of the same user out of a client's descriptors while it runs
+// set-group-ID, and after it gave the group up (it stays non-dumpable).
+TEST(HelperEndToEnd, AClientsListenersCannotBeTakenByItsOwnUser) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string probe = installSignedProbe(programs);
+    const std::string thief = programs.install(LD_PROBE, "thief", false);
+    const std::string demo = programs.install(LD_DEMO, "quillfern-listen");
+    const std::string socket = programs.file("helper.sock");
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    ChildProcess holder = ChildProcess::start({probe, "hold", socket}, kNobody);
+    findings.expectEqual(lineOr(holder.readLine(10000)), "hello", "greeted");
+    findings.expectEqual(lineOr(holder.readLine(10000)), "status 0 -", "holding the listeners");
+    findings.expectEqual(ldtest::runProgram({thief, "steal", std::to_string(holder.pid())}, kNobody).standardOutput,
+                         "refused\n", "while set-group-ID");
+    holder.writeLine("go");
+    findings.expectEqual(lineOr(holder.readLine(10000)), "completed 1 -", "acknowledged");
+    helper.wait(5000);
+
+    ChildProcess secondHelper = ldtest::startHelper(LD_HELPER, socket);
+    ChildProcess client = ChildProcess::start({demo, "--socket", socket}, kNobody);
+    findings.expectContains(lineOr(client.readLine(15000)), "serving", "the demo");
+    findings.expectEqual(ldtest::runProgram({thief, "steal", std::to_string(client.pid())}, kNobody).standardOutput,
+                         "refused\n", "after the group was given up");
+    const std::string status = ldtest::readFile("/proc/" + std::to_string(client.pid()) + "/status");
+    findings.expectContains(status, "\nGid:\t65534\t65534\t65534\t65534\n", "the demo gave its group up");
+    return findings.text();
+  }), "");
 }
 
 // Any server that understands socket activation runs unprivileged on port 80.

@@ -132,6 +132,7 @@ TEST(Client, SaysWhatToDoWhenThereIsNoHelper) {
   ldtest::TemporaryDirectory directory;
   LDClientOptions options;
   options.socketPath = directory.file("nothing.sock");
+  options.requireSecureExecution = false;
   std::optional<LDError> error;
   EXPECT_FALSE(LDAcquireListeners(options, &error));
   ASSERT_TRUE(error);

@@ -2,9 +2,12 @@
 
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/auxv.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
@@ -24,6 +27,63 @@ int64_t monotonicMilliseconds() {
 }
 
 LDError problem(const std::string& text) { return LDEndpointError(text); }
+
+std::string ownExecutable() {
+  char path[4096];
+  const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
+  return length > 0 ? std::string(path, static_cast<size_t>(length)) : "/path/to/application";
+}
+
+// The helper admits only a process that runs set-group-ID to its executable's group: nothing else
+// of the same user can then trace it or take its descriptors. Said plainly, with the fix.
+std::optional<LDError> secureExecutionProblem() {
+  if (::getgid() != ::getegid() && ::getauxval(AT_SECURE) != 0) return std::nullopt;
+  const std::string executable = ownExecutable();
+  const std::string group = executable.substr(executable.rfind('/') + 1);
+  return problem("This program must be installed set-group-ID to a group of its own before it can "
+                 "receive the listeners (it runs with real gid " + std::to_string(::getgid()) +
+                 " = effective gid " + std::to_string(::getegid()) + "). As root: groupadd --system " +
+                 group + " && chown root:" + group + " " + executable + " && chmod 2755 " + executable +
+                 ". Give that group no members, and do not start the program under no-new-privileges, "
+                 "in a user namespace or a sandbox that cancels set-group-ID.");
+}
+
+// Back to the real gid in all three places: a toolkit that refuses to run set-group-ID can start.
+void giveUpApplicationGroup() {
+  const gid_t real = ::getgid();
+  (void)::setresgid(real, real, real);  // always permitted: real is one of our own gids
+}
+
+constexpr int kSoNetnsCookie = 71;  // Linux 5.14
+
+std::optional<uint64_t> networkNamespaceCookie(int fd) {
+  uint64_t cookie = 0;
+  socklen_t length = sizeof cookie;
+  if (::getsockopt(fd, SOL_SOCKET, kSoNetnsCookie, &cookie, &length) != 0 || length != sizeof cookie) {
+    return std::nullopt;
+  }
+  return cookie;
+}
+
+// The listener is the expected one and lives in the same network namespace as `own`: a helper
+// impostor in a namespace of its own could otherwise hand over listeners nobody else reaches.
+bool validateListener(int fd, const LDListenerEndpoint& expected, int own, std::optional<LDError>* invalid) {
+  if (!LDLoopbackListeners::validateReceivedFileDescriptor(fd, expected, invalid)) return false;
+  const std::optional<uint64_t> theirs = networkNamespaceCookie(fd);
+  if (!theirs || theirs != networkNamespaceCookie(own)) {
+    *invalid = problem("Received " + expected.description() + " belongs to another network namespace");
+    return false;
+  }
+  return true;
+}
+
+std::string tooManyFiles() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return "The kernel dropped descriptors from the helper's reply: this process has too many open "
+         "files (RLIMIT_NOFILE is " + std::to_string(limit.rlim_cur) +
+         "). Close descriptors or raise the limit, then try again.";
+}
 
 // One message from the helper within the deadline, with its descriptors owned.
 struct Received {
@@ -56,13 +116,16 @@ std::optional<Received> receive(int fd, int64_t deadline, const std::string& wai
         }
         return received;
       }
+      case LDReceiveResult::truncated:
+        if (error) *error = problem(tooManyFiles());
+        return std::nullopt;
       default:
         if (error) {
           *error = problem("The helper closed the connection while " + waitingFor +
                            ". It refuses programs that are not signed as " +
                            std::string(LDAppSigningIdentifier) +
-                           " by the same team as the helper, or whose executable is not owned by "
-                           "root and protected from writes by others.");
+                           " by the same team as the helper, not installed root-owned and "
+                           "set-group-ID to a group of their own, or not started as installed.");
         }
         return std::nullopt;
     }
@@ -101,6 +164,12 @@ std::string adviceFor(int64_t status, const std::optional<std::string>& message,
 
 std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options,
                                                       LDErrorPlace error) {
+  if (options.requireSecureExecution) {
+    if (std::optional<LDError> refused = secureExecutionProblem()) {
+      if (error) *error = std::move(*refused);
+      return std::nullopt;
+    }
+  }
   const std::string path = options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -164,11 +233,17 @@ std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& opt
 
   LDAcquiredListeners listeners{std::move(answer->descriptors[0]), std::move(answer->descriptors[1])};
   std::optional<LDError> invalid;
+  const int own = socket.fileDescriptor();
   const bool accepted =
-      LDLoopbackListeners::validateReceivedFileDescriptor(
-          listeners.ipv4.fileDescriptor(), LDListenerEndpoint(AF_INET, "127.0.0.1", options.port), &invalid) &&
-      LDLoopbackListeners::validateReceivedFileDescriptor(
-          listeners.ipv6.fileDescriptor(), LDListenerEndpoint(AF_INET6, "::1", options.port), &invalid);
+      validateListener(listeners.ipv4.fileDescriptor(), LDListenerEndpoint(AF_INET, "127.0.0.1", options.port), own,
+                       &invalid) &&
+      validateListener(listeners.ipv6.fileDescriptor(), LDListenerEndpoint(AF_INET6, "::1", options.port), own,
+                       &invalid);
+  if (!accepted) {
+    // Nothing that failed its checks stays open while the helper is told.
+    listeners.ipv4.reset();
+    listeners.ipv6.reset();
+  }
   if (!sendMessage(socket.fileDescriptor(),
                    LDCompleteMessage{LDListenerProtocolVersion, reply->token, accepted}, error)) {
     return std::nullopt;
@@ -177,6 +252,7 @@ std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& opt
   std::optional<Received> completed = receive(socket.fileDescriptor(), monotonicMilliseconds() + acknowledgement,
                                               "acknowledging the listeners", error);
   if (!completed) return std::nullopt;
+  if (options.requireSecureExecution) giveUpApplicationGroup();
   if (!accepted) {
     if (error) *error = problem("The listeners from the helper failed their checks: " + invalid->description());
     return std::nullopt;

@@ -14,6 +14,8 @@ struct LDClientOptions {
   double activationTimeout = LDActivationTimeout;                      // connect to Hello, and the reply
   double acknowledgementReplyTimeout = LDAcknowledgementReplyTimeout;  // completion to its reply
   uint16_t port = LDListenerPort;                                      // what the listeners must be bound to
+  // Refuse to ask unless this process runs set-group-ID (real and effective gid apart, AT_SECURE).
+  bool requireSecureExecution = LDRequireSecureExecution;
 };
 
 struct LDAcquiredListeners {
@@ -24,5 +26,10 @@ struct LDAcquiredListeners {
 // Asks the helper for the listener pair, validates both descriptors and acknowledges. On failure
 // returns nothing and one error whose description says what happened and what to do. Nothing is
 // left open on any failure.
+//
+// An application installed set-group-ID (the default build requires it) must call this before it
+// starts any toolkit or loads any plugin: once the helper has answered the acknowledgement, this
+// gives the group up for good (real gid as effective and saved gid). The kernel keeps the process
+// non-dumpable, so other processes of the user still cannot take the listeners from it.
 std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options = {},
                                                       LDErrorPlace error = nullptr);

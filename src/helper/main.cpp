@@ -29,6 +29,20 @@ constexpr double kReplyBarrierFallbackTimeout = LD_TEST_REPLY_BARRIER_FALLBACK_T
 #define LD_REPLY_BARRIER_FALLBACK_TIMEOUT LDReplyBarrierFallbackTimeout
 #endif
 
+// Test builds may admit by signature alone, or pin peers without SO_PEERPIDFD as on kernels
+// before 6.5.
+LDAdmissionPolicy admissionPolicy() {
+  LDAdmissionPolicy policy;
+  policy.requireSecureExecution = LDRequireSecureExecution;
+#ifdef LD_TEST_SIGNATURE_ONLY
+  policy.requireSecureExecution = false;
+#endif
+#ifdef LD_TEST_WITHOUT_PEER_PIDFD
+  policy.usePeerPidfd = false;
+#endif
+  return policy;
+}
+
 constexpr const char kMustRunAsRoot[] = "quillfern-local-domain-listener: must run as a root LaunchDaemon\n";
 
 int fail(const std::string& text) {
@@ -69,6 +83,7 @@ int main() {
   LDRunLoop runLoop;
   LDServiceListener listener(std::move(*socket), runLoop);
   listener.setConnectionCodeSigningRequirement(*requirement);
+  listener.setAdmissionPolicy(admissionPolicy());
   listener.setDelegate(&delegate);
   listener.activate();
   runLoop.run();

@@ -24,19 +24,20 @@ void LDServiceListener::activate() {
 
 void LDServiceListener::acceptConnections() {
   while (_connections.size() < kMaximumConnections) {
+    const uint64_t acceptedAfter = LDBootTimeTicks();
     LDFileHandle socket(::accept4(_socket.fileDescriptor(), nullptr, nullptr,
                                   SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket.isValid()) return;  // EAGAIN, or a connection that died in the queue
-    admit(std::move(socket));
+    admit(std::move(socket), acceptedAfter);
   }
   // Full: stop accepting until a connection ends; the kernel's backlog holds the rest.
   _runLoop.modify(_socket.fileDescriptor(), 0);
 }
 
-void LDServiceListener::admit(LDFileHandle socket) {
+void LDServiceListener::admit(LDFileHandle socket, uint64_t acceptedAfter) {
   std::string reason;
   if (!_requirement) return;  // an unusable requirement admits nobody
-  std::optional<LDAdmittedPeer> peer = LDAdmitPeer(socket.fileDescriptor(), *_requirement, _anchors, &reason);
+  std::optional<LDAdmittedPeer> peer = LDAdmitPeer(socket.fileDescriptor(), acceptedAfter, *_requirement, _anchors, _policy, &reason);
   if (!peer) return;  // closed without a reply
   // A client speaks only after Hello; anything already waiting was sent before it.
   char probe;

@@ -34,19 +34,21 @@ class LDServiceListener {
 
   // Every peer must satisfy this requirement; an unparsable one admits nobody.
   void setConnectionCodeSigningRequirement(const std::string& requirement);
+  void setAdmissionPolicy(const LDAdmissionPolicy& policy) { _policy = policy; }
   // Not owned: the caller keeps the delegate alive.
   void setDelegate(LDServiceListenerDelegate* delegate) { _delegate = delegate; }
   void activate();
 
  private:
   void acceptConnections();
-  void admit(LDFileHandle socket);
+  void admit(LDFileHandle socket, uint64_t acceptedAfter);
   void closed(uint64_t serial);
 
   LDFileHandle _socket;
   LDRunLoop& _runLoop;
   const LDTrustAnchors& _anchors;
   std::optional<LDRequirement> _requirement;
+  LDAdmissionPolicy _policy;
   LDServiceListenerDelegate* _delegate = nullptr;
   std::map<uint64_t, std::unique_ptr<LDHelperConnection>> _connections;  // by serial number
   uint64_t _nextSerial = 1;

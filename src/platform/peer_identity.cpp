@@ -1,23 +1,20 @@
 #include "platform/peer_identity.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
 #include <linux/unix_diag.h>
-#include <signal.h>
-#include <sys/syscall.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 namespace {
 
@@ -27,54 +24,22 @@ constexpr int kSoPeerPidfd = 77;
 // Debian 12's <sys/pidfd.h> declares these without C linkage, so they are called directly.
 int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
 
-bool isAlive(int pidfd) {
-  return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0u) == 0;
-}
+bool isAlive(int pidfd) { return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0u) == 0; }
 
-// Field 22 of /proc/<pid>/stat: the start time in clock ticks since boot.
-std::optional<unsigned long long> startTime(int processDirectory) {
-  LDFileHandle stat(::openat(processDirectory, "stat", O_RDONLY | O_CLOEXEC));
-  if (!stat.isValid()) return std::nullopt;
-  char buffer[1024];
-  const ssize_t got = ::read(stat.fileDescriptor(), buffer, sizeof buffer - 1);
-  if (got <= 0) return std::nullopt;
-  buffer[got] = '\0';
-  // The command name (field 2) may hold spaces and parentheses: count from the last ')'.
-  const char* after = std::strrchr(buffer, ')');
-  if (after == nullptr) return std::nullopt;
-  std::istringstream fields(after + 1);
-  std::string field;
-  for (int index = 3; index <= 22; ++index) {
-    if (!(fields >> field)) return std::nullopt;
-  }
-  char* end = nullptr;
-  const unsigned long long ticks = std::strtoull(field.c_str(), &end, 10);
-  if (end == field.c_str() || *end != '\0') return std::nullopt;
-  return ticks;
-}
-
-std::optional<unsigned long long> ticksSinceBoot() {
-  std::ifstream uptime("/proc/uptime");
-  double seconds = 0;
-  if (!(uptime >> seconds)) return std::nullopt;
-  return static_cast<unsigned long long>(seconds * static_cast<double>(::sysconf(_SC_CLK_TCK)));
-}
-
-// The peer's pidfd from the socket itself; on kernels without SO_PEERPIDFD, one opened by pid,
-// accepted only for a process that had started before now (so not a later one reusing the pid).
-LDFileHandle peerPidfd(int socket, pid_t pid, int processDirectory, std::string* reason) {
-  int pidfd = -1;
-  socklen_t length = sizeof pidfd;
-  if (::getsockopt(socket, SOL_SOCKET, kSoPeerPidfd, &pidfd, &length) == 0 && pidfd >= 0) {
-    return LDFileHandle(pidfd);
+// The peer's pidfd from the socket itself; otherwise one opened by pid, accepted only for a
+// process that had started by the time the connection was accepted (so not a later one that
+// reused the number).
+LDFileHandle peerPidfd(int socket, pid_t pid, int processDirectory, uint64_t acceptedAfter, bool usePeerPidfd) {
+  if (usePeerPidfd) {
+    int pidfd = -1;
+    socklen_t length = sizeof pidfd;
+    if (::getsockopt(socket, SOL_SOCKET, kSoPeerPidfd, &pidfd, &length) == 0 && pidfd >= 0) {
+      return LDFileHandle(pidfd);
+    }
   }
   LDFileHandle opened(openPidfd(pid));
-  const auto started = startTime(processDirectory);
-  const auto now = ticksSinceBoot();
-  if (!opened.isValid() || !started || !now || *started > *now) {
-    *reason = "the peer process could not be pinned down";
-    return LDFileHandle();
-  }
+  const std::optional<uint64_t> started = LDReadStartTime(processDirectory);
+  if (!opened.isValid() || !started || *started > acceptedAfter) return LDFileHandle();
   return opened;
 }
 
@@ -126,43 +91,58 @@ std::optional<ino_t> peerSocketInode(int socket) {
   return std::nullopt;
 }
 
-// Whether every descriptor of the process that names socket `inode` is close-on-exec, and there
-// is at least one. A socket that crossed an exec cannot be: so a connection made by one program
-// cannot be passed off as made by the signed program it exec'd.
-bool holdsOnlyCloseOnExecCopies(int processDirectory, ino_t inode) {
-  LDFileHandle descriptors(::openat(processDirectory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!descriptors.isValid()) return false;
-  DIR* listing = ::fdopendir(descriptors.release());
-  if (listing == nullptr) return false;
-  const std::string wanted = "socket:[" + std::to_string(inode) + "]";
-  bool found = false;
-  bool allCloseOnExec = true;
-  while (const dirent* entry = ::readdir(listing)) {
-    if (entry->d_name[0] == '.') continue;
-    char target[64];
-    const ssize_t length = ::readlinkat(::dirfd(listing), entry->d_name, target, sizeof target - 1);
-    if (length <= 0 || std::string_view(target, static_cast<size_t>(length)) != wanted) continue;
-    found = true;
-    const std::string info = "fdinfo/" + std::string(entry->d_name);
-    LDFileHandle fdinfo(::openat(processDirectory, info.c_str(), O_RDONLY | O_CLOEXEC));
-    char text[256] = {};
-    const ssize_t got = fdinfo.isValid() ? ::read(fdinfo.fileDescriptor(), text, sizeof text - 1) : -1;
-    const char* flags = got > 0 ? std::strstr(text, "flags:") : nullptr;
-    const unsigned long value = flags ? std::strtoul(flags + 6, nullptr, 8) : 0;
-    if (flags == nullptr || (value & O_CLOEXEC) == 0) allCloseOnExec = false;
+// Why the groups do not show a process running set-group-ID to group, or empty. The kernel
+// refuses same-user ptrace, pidfd_getfd, process_vm_* and /proc access to a process whose real
+// gid differs from its effective gid; a member of the group could trace the exec and keep it.
+std::string groupProblem(const LDProcessGroups& groups, gid_t group) {
+  if (groups.effective != group || groups.saved != group || groups.fileSystem != group) {
+    return "the peer does not run with its executable's group";
   }
-  ::closedir(listing);
-  return found && allCloseOnExec;
+  if (groups.real == group) return "the peer's real group is the application's group";
+  if (std::find(groups.supplementary.begin(), groups.supplementary.end(), group) != groups.supplementary.end()) {
+    return "the peer's user is a member of the application's group";
+  }
+  return "";
+}
+
+// The executable must be one that only root can have put there and changed, on a file system
+// the kernel serves itself. Decided from the mount table and statx, without asking the file
+// system anything.
+std::string executableProblem(int processDirectory, const LDExecutableFile& executable, bool requireSetGroupId) {
+  const std::optional<LDMount> mount = LDFindMount(processDirectory, executable.mountId);
+  if (!mount) return "the mount of the peer's executable cannot be found";
+  if (!LDIsLocalFileSystem(mount->fileSystemType)) {
+    return "the peer's executable lies on a " + mount->fileSystemType + " file system";
+  }
+  if (mount->noSetId || makedev(mount->major, mount->minor) != executable.device) {
+    return "the peer's executable lies on a nosuid or mismatched mount";
+  }
+  if (!S_ISREG(executable.mode) || executable.links == 0) return "the peer's executable is not a linked regular file";
+  if (executable.owner != 0 || (executable.mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return "the peer's executable must be owned by root and not writable by group or others";
+  }
+  if (requireSetGroupId && ((executable.mode & S_ISGID) == 0 || (executable.mode & S_IXGRP) == 0)) {
+    return "the peer's executable is not set-group-ID";
+  }
+  return "";
 }
 
 }  // namespace
 
-std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, const LDRequirement& requirement,
-                                          const LDTrustAnchors& anchors, std::string* reason) {
+uint64_t LDBootTimeTicks() {
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  const auto ticksPerSecond = static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
+  return static_cast<uint64_t>(now.tv_sec) * ticksPerSecond +
+         static_cast<uint64_t>(now.tv_nsec) * ticksPerSecond / 1'000'000'000u;
+}
+
+std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, uint64_t acceptedAfter, const LDRequirement& requirement,
+                                          const LDTrustAnchors& anchors, const LDAdmissionPolicy& policy,
+                                          std::string* reason) {
   ucred credentials{};
   socklen_t length = sizeof credentials;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 ||
-      credentials.pid <= 0) {
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 || credentials.pid <= 0) {
     *reason = "no peer credentials";
     return std::nullopt;
   }
@@ -180,42 +160,70 @@ std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, const LDRequirement& requi
     *reason = "the peer process is gone";
     return std::nullopt;
   }
-  peer.pidfd = peerPidfd(socket, credentials.pid, peer.processDirectory.fileDescriptor(), reason);
-  if (!peer.pidfd.isValid()) return std::nullopt;
-
-  LDFileHandle executable(::openat(peer.processDirectory.fileDescriptor(), "exe",
-                                   O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  const int process = peer.processDirectory.fileDescriptor();
+  peer.pidfd = peerPidfd(socket, credentials.pid, process, acceptedAfter, policy.usePeerPidfd);
+  if (!peer.pidfd.isValid()) {
+    *reason = "the peer process could not be pinned down";
+    return std::nullopt;
+  }
+  // A private user namespace could rewrite the process's exe link, mounts and credentials.
+  if (!LDSharesInitialUserNamespace(process)) {
+    *reason = "the peer runs in a user namespace of its own";
+    return std::nullopt;
+  }
+  if (policy.requireSecureExecution && LDReadSecureExecution(process) != true) {
+    *reason = "the peer was not started in secure-execution mode";
+    return std::nullopt;
+  }
+  std::optional<LDExecutableFile> executable = LDOpenExecutable(process);
   // Alive after /proc/<pid> and its exe were opened: both belong to the pidfd's process, not to a
   // later one that took the number.
-  if (!executable.isValid() || !isAlive(peer.pidfd.fileDescriptor())) {
-    *reason = "the peer's executable cannot be opened";
+  if (!executable || !isAlive(peer.pidfd.fileDescriptor())) {
+    *reason = "the peer's executable cannot be found";
     return std::nullopt;
   }
-  struct stat status {};
-  if (::fstat(executable.fileDescriptor(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    *reason = "the peer's executable is not a regular file";
+  std::string problem = executableProblem(process, *executable, policy.requireSecureExecution);
+  if (problem.empty() && policy.requireSecureExecution) {
+    peer.applicationGroup = executable->group;
+    const std::optional<LDProcessGroups> groups = LDReadProcessGroups(process);
+    if (credentials.gid != executable->group) {
+      problem = "the peer did not connect with its executable's group";
+    } else {
+      problem = groups ? groupProblem(*groups, executable->group) : "the peer's groups cannot be read";
+    }
+  }
+  if (!problem.empty()) {
+    *reason = problem;
     return std::nullopt;
   }
-  if (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_nlink == 0) {
-    *reason = "the peer's executable must be owned by root, not writable by group or others, and "
-              "still linked";
-    return std::nullopt;
-  }
-  const std::optional<ino_t> peerSocket = peerSocketInode(socket);
-  if (!peerSocket || !holdsOnlyCloseOnExecCopies(peer.processDirectory.fileDescriptor(), *peerSocket)) {
-    *reason = "the peer's end of the connection is not close-on-exec, so it may predate the "
-              "program now running";
+  // Opened for reading through the O_PATH descriptor, so it is the very file looked at above.
+  const std::string reopen = "/proc/self/fd/" + std::to_string(executable->path.fileDescriptor());
+  LDFileHandle contents(::open(reopen.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  struct stat opened {};
+  if (!contents.isValid() || ::fstat(contents.fileDescriptor(), &opened) != 0 ||
+      opened.st_dev != executable->device || opened.st_ino != executable->inode) {
+    *reason = "the peer's executable cannot be read";
     return std::nullopt;
   }
   std::string detail;
-  const int32_t verified =
-      LDCheckSignatureOfDescriptor(executable.fileDescriptor(), &requirement, anchors, &detail);
+  const int32_t verified = LDCheckSignatureOfDescriptor(contents.fileDescriptor(), &requirement, anchors, &detail);
   if (verified != 0) {
     *reason = "signature (OSStatus " + std::to_string(verified) + "): " + detail;
     return std::nullopt;
   }
-  peer.executableDevice = status.st_dev;
-  peer.executableInode = status.st_ino;
+  // Last, as it is the costliest for a peer with many descriptors: a socket that crossed an exec
+  // cannot be close-on-exec, so a connection made by one program cannot pass for one made by
+  // the signed program it exec'd.
+  const std::optional<ino_t> peerSocket = peerSocketInode(socket);
+  const LDSocketCopies copies =
+      peerSocket ? LDScanSocketCopies(process, *peerSocket, policy.maximumDescriptors) : LDSocketCopies::unreadable;
+  if (copies != LDSocketCopies::allCloseOnExec) {
+    *reason = copies == LDSocketCopies::tooManyDescriptors
+                  ? "the peer holds more descriptors than a client needs"
+                  : "the peer's end of the connection is not close-on-exec, so it may predate the program now running";
+    return std::nullopt;
+  }
+  peer.executable = std::move(*executable);
   return peer;
 }
 
@@ -225,15 +233,22 @@ bool LDPeerIsStillAdmitted(const LDAdmittedPeer& peer, pid_t senderPid, std::str
               std::to_string(peer.pid);
     return false;
   }
+  const int process = peer.processDirectory.fileDescriptor();
   if (!isAlive(peer.pidfd.fileDescriptor())) {
     *reason = "the admitted process is gone";
     return false;
   }
-  struct stat status {};
-  if (::fstatat(peer.processDirectory.fileDescriptor(), "exe", &status, 0) != 0 ||
-      status.st_dev != peer.executableDevice || status.st_ino != peer.executableInode) {
+  if (!LDRunsExecutable(process, peer.executable)) {
     *reason = "the admitted process no longer runs the verified executable";
     return false;
+  }
+  if (peer.applicationGroup) {
+    const std::optional<LDProcessGroups> groups = LDReadProcessGroups(process);
+    const std::string problem = groups ? groupProblem(*groups, *peer.applicationGroup) : "its groups cannot be read";
+    if (!problem.empty()) {
+      *reason = "the admitted process changed: " + problem;
+      return false;
+    }
   }
   return true;
 }

@@ -14,6 +14,7 @@ const double LDAcknowledgementTimeout = 10.0;
 const double LDReplyBarrierFallbackTimeout = 2.0;
 const double LDActivationTimeout = 15.0;
 const double LDAcknowledgementReplyTimeout = 5.0;
+const bool LDRequireSecureExecution = LD_REQUIRE_SECURE_EXECUTION;
 
 const std::string_view LDAppSigningIdentifier = LD_APP_SIGNING_IDENTIFIER;
 const std::string_view LDHelperSigningIdentifier =

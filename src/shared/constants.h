@@ -17,6 +17,10 @@ extern const double LDReplyBarrierFallbackTimeout;    // 2.0 s, helper waits for
 extern const double LDActivationTimeout;              // 15.0 s, application side only
 extern const double LDAcknowledgementReplyTimeout;    // 5.0 s, application side only
 
+// Build option LD_REQUIRE_SECURE_EXECUTION (on by default): the application must run
+// set-group-ID to a group of its own, and the helper admits it only so.
+extern const bool LDRequireSecureExecution;
+
 // ---- Identifiers -------------------------------------------------------------------------------
 
 extern const std::string_view LDAppSigningIdentifier;     // build option LD_APP_SIGNING_IDENTIFIER

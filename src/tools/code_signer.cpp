@@ -189,13 +189,12 @@ bool LDSignFile(const std::string& path, const std::string& identifier,
     return false;
   }
   const int fd = signedFile.fileDescriptor();
+  // Owner first: a change of owner clears the set-group-ID bit, which the mode then restores.
+  if (::geteuid() == 0) (void)::fchown(fd, status.st_uid, status.st_gid);  // best effort
   const bool written = copyPrefix(original.fileDescriptor(), fd, manifest.size) &&
                        writeAll(fd, blob->data(), blob->size()) &&
                        writeAll(fd, trailer.data(), trailer.size()) &&
                        ::fchmod(fd, status.st_mode & 07777) == 0;
-  if (written && ::geteuid() == 0) {
-    (void)::fchown(fd, status.st_uid, status.st_gid);  // best effort; the mode is what matters
-  }
   if (!written || ::fsync(fd) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
     *error = "cannot write the signed " + path + ": " + std::strerror(errno);
     ::unlink(temporary.c_str());

@@ -35,12 +35,24 @@ int64_t nowMilliseconds() {
 
 }  // namespace
 
+gid_t applicationGroup() {
+  static const gid_t group = [] {
+    gid_t candidate = 64000;
+    while (::getgrgid(candidate) != nullptr) ++candidate;
+    return candidate;
+  }();
+  return group;
+}
+
 ProgramDirectory::ProgramDirectory() { ::chmod(_directory.path().c_str(), 0755); }
 
-std::string ProgramDirectory::install(const std::string& source, const std::string& name) {
+std::string ProgramDirectory::install(const std::string& source, const std::string& name, bool setGroupId) {
   const std::string target = _directory.file(name);
   writeFile(target, readFile(source), 0755);
-  if (::chown(target.c_str(), 0, 0) != 0) throw std::runtime_error("chown " + target);
+  if (::chown(target.c_str(), 0, setGroupId ? applicationGroup() : 0) != 0 ||
+      ::chmod(target.c_str(), setGroupId ? 02755 : 0755) != 0) {
+    throw std::runtime_error("chown/chmod " + target);
+  }
   return target;
 }
 

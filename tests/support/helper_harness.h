@@ -14,12 +14,16 @@
 
 namespace ldtest {
 
-// Root-owned, mode 0755, under a directory that user nobody can enter.
+// A group with no name and no members, as an application's own group is installed.
+gid_t applicationGroup();
+
+// Root-owned programs under a directory that user nobody can enter.
 class ProgramDirectory {
  public:
   ProgramDirectory();
-  // Copies source in as name (mode 0755, owner root) and returns its path.
-  std::string install(const std::string& source, const std::string& name);
+  // Copies source in as name and returns its path: owner root, mode 2755 with the application's
+  // group as an application is installed, or 0755 with group root.
+  std::string install(const std::string& source, const std::string& name, bool setGroupId = true);
   std::string file(const std::string& name) const { return _directory.file(name); }
   const std::string& path() const { return _directory.path(); }
 
