@@ -20,6 +20,25 @@ configure_file(packaging/prerm.in "${CMAKE_BINARY_DIR}/packaging/prerm" @ONLY
 install(TARGETS quillfern-local-domain-listener DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}"
         PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 install(TARGETS quillfern-listen ld-codesign DESTINATION "${CMAKE_INSTALL_BINDIR}")
+# The helper admits the application only when it runs set-group-ID to a group of its own. A plain
+# `cmake --install` as root makes the group and sets the mode; a package does it in postinst.
+set(LD_APPLICATION_GROUP "quillfern-listen" CACHE STRING "The demo application's own group, with no members")
+if(LD_REQUIRE_SECURE_EXECUTION)
+  install(CODE "
+    set(program \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/quillfern-listen\")
+    if(\"\$ENV{DESTDIR}\" STREQUAL \"\")
+      execute_process(COMMAND id -u OUTPUT_VARIABLE uid OUTPUT_STRIP_TRAILING_WHITESPACE)
+      if(NOT uid STREQUAL \"0\")
+        message(FATAL_ERROR \"Install as root: \${program} must be set-group-ID to ${LD_APPLICATION_GROUP}\")
+      endif()
+      execute_process(COMMAND getent group ${LD_APPLICATION_GROUP} RESULT_VARIABLE missing OUTPUT_QUIET)
+      if(missing)
+        execute_process(COMMAND groupadd --system ${LD_APPLICATION_GROUP} COMMAND_ERROR_IS_FATAL ANY)
+      endif()
+      execute_process(COMMAND chown root:${LD_APPLICATION_GROUP} \${program} COMMAND_ERROR_IS_FATAL ANY)
+      execute_process(COMMAND chmod 2755 \${program} COMMAND_ERROR_IS_FATAL ANY)
+    endif()")
+endif()
 install(FILES "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.socket"
               "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.service"
         DESTINATION "${LD_SYSTEMD_UNIT_DIR}")
