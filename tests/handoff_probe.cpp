@@ -14,12 +14,14 @@
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 //   handoff_probe greet PATH                                report whether the helper greets us
 //   handoff_probe drop-group PATH                           greeted, give the group up, then request
+//   handoff_probe many-descriptors N PATH                   hold N more descriptors, then greet
 //   handoff_probe steal PID                                 try to take PID's descriptors
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -134,6 +136,17 @@ int main(int argc, char** argv) {
   if (mode == "http-server") return httpServer(std::atoi(argv[2]));
   if (mode == "steal") {
     say(steal(std::atoi(argv[2])));
+    return 0;
+  }
+  if (mode == "many-descriptors" && argc >= 4) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    for (int i = std::atoi(argv[2]); i > 0; --i) {
+      if (::fcntl(0, F_DUPFD_CLOEXEC, 0) < 0) return 71;
+    }
+    say(next(connectTo(argv[3]), 5000));
     return 0;
   }
   if (mode == "greet" || mode == "drop-group") {

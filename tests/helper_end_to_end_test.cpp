@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -343,6 +344,57 @@ TEST(HelperEndToEnd, AClientsListenersCannotBeTakenByItsOwnUser) {
                          "refused\n", "after the group was given up");
     const std::string status = ldtest::readFile("/proc/" + std::to_string(client.pid()) + "/status");
     findings.expectContains(status, "\nGid:\t65534\t65534\t65534\t65534\n", "the demo gave its group up");
+    return findings.text();
+  }), "");
+}
+
+// Peers built to cost admission the most, or to fool it through the file system: each refused,
+// and a legitimate client greeted right after.
+TEST(HelperEndToEnd, HostileAdmissionIsRefusedCheaply) {
+  EXPECT_EQ(runInPrivateNetworkNamespace([] {
+    Findings findings;
+    ProgramDirectory programs;
+    const std::string signedProbe = installSignedProbe(programs);
+    const std::string socket = programs.file("helper.sock");
+
+    // A FUSE file system that claims root owns the signed bytes it serves, mounted suid.
+    const std::string fuseMount = programs.file("fuse");
+    const std::string fuseLog = programs.file("fuse.log");
+    ::mkdir(fuseMount.c_str(), 0755);
+    ChildProcess server = ChildProcess::start({LD_LYING_FILE_SYSTEM, signedProbe,
+                                               std::to_string(ldtest::applicationGroup()), fuseLog, fuseMount,
+                                               "-f", "-o", "allow_other,suid"});
+    // A tmpfs mounted nosuid, where set-group-ID has no effect.
+    const std::string nosuid = programs.file("nosuid");
+    ::mkdir(nosuid.c_str(), 0755);
+    findings.expect(::mount("tmpfs", nosuid.c_str(), "tmpfs", MS_NOSUID, "mode=0755") == 0, "mount nosuid tmpfs");
+    const std::string onNosuid = nosuid + "/app";
+    ldtest::writeFile(onNosuid, ldtest::readFile(signedProbe), 02755);
+    findings.expect(::chown(onNosuid.c_str(), 0, ldtest::applicationGroup()) == 0 && ::chmod(onNosuid.c_str(), 02755) == 0,
+                    "install on the nosuid mount");
+    for (int i = 0; i < 100 && ::access((fuseMount + "/app").c_str(), X_OK) != 0; ++i) ::usleep(20000);
+
+    ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+    const struct {
+      std::string name;
+      std::vector<std::string> argv;
+    } cases[] = {
+        {"an executable on FUSE", {fuseMount + "/app", "greet", socket}},
+        {"an executable on a nosuid mount", {onNosuid, "greet", socket}},
+        {"2000 descriptors", {signedProbe, "many-descriptors", "2000", socket}},
+    };
+    for (const auto& c : cases) {
+      findings.expectEqual(ldtest::runProgram(c.argv, kNobody).standardOutput, "closed\n", c.name);
+      findings.expectEqual(ldtest::runProgram({signedProbe, "greet", socket}, kNobody).standardOutput, "hello\n",
+                           "a legitimate client right after: " + c.name);
+    }
+    const std::string requests = ldtest::readFile(fuseLog);
+    findings.expect(!requests.empty(), "the file system logs the requests made while the client started");
+    findings.expect(requests.find("\n" + std::to_string(helper.pid()) + " ") == std::string::npos &&
+                        requests.rfind(std::to_string(helper.pid()) + " ", 0) != 0,
+                    "the helper asked the FUSE server nothing: " + requests);
+    ::umount2(fuseMount.c_str(), MNT_DETACH);
+    ::umount2(nosuid.c_str(), MNT_DETACH);
     return findings.text();
   }), "");
 }

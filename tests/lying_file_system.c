@@ -1,0 +1,86 @@
+// A hostile FUSE file system: one file, "app", that claims to be root-owned and set-group-ID to
+// GROUP and serves the bytes of SOURCE. It writes the pid of every process that asks it anything
+// to LOG, one line a request, so a test can prove the helper never asked.
+//
+//   lying_file_system SOURCE GROUP LOG MOUNTPOINT [FUSE OPTIONS...]
+
+#define FUSE_USE_VERSION 35
+#include <errno.h>
+#include <fuse.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+static char* contents;
+static size_t size;
+static gid_t group;
+static FILE* logFile;
+
+static void note(const char* request) {
+  fprintf(logFile, "%d %s\n", (int)fuse_get_context()->pid, request);
+  fflush(logFile);
+}
+
+static int getAttributes(const char* path, struct stat* status, struct fuse_file_info* info) {
+  (void)info;
+  note("getattr");
+  memset(status, 0, sizeof *status);
+  if (strcmp(path, "/") == 0) {
+    status->st_mode = S_IFDIR | 0755;
+    status->st_nlink = 2;
+    return 0;
+  }
+  if (strcmp(path, "/app") != 0) return -ENOENT;
+  status->st_mode = S_IFREG | 02755;
+  status->st_nlink = 1;
+  status->st_gid = group;
+  status->st_size = (off_t)size;
+  return 0;
+}
+
+static int openFile(const char* path, struct fuse_file_info* info) {
+  (void)info;
+  note("open");
+  return strcmp(path, "/app") == 0 ? 0 : -ENOENT;
+}
+
+static int readFile(const char* path, char* buffer, size_t length, off_t offset, struct fuse_file_info* info) {
+  (void)path;
+  (void)info;
+  note("read");
+  if ((size_t)offset >= size) return 0;
+  if (length > size - (size_t)offset) length = size - (size_t)offset;
+  memcpy(buffer, contents + offset, length);
+  return (int)length;
+}
+
+static int readDirectory(const char* path, void* buffer, fuse_fill_dir_t fill, off_t offset,
+                         struct fuse_file_info* info, enum fuse_readdir_flags flags) {
+  (void)path;
+  (void)offset;
+  (void)info;
+  (void)flags;
+  note("readdir");
+  fill(buffer, "app", NULL, 0, 0);
+  return 0;
+}
+
+int main(int argc, char** argv) {
+  if (argc < 5) return 64;
+  FILE* source = fopen(argv[1], "rb");
+  if (source == NULL) return 66;
+  fseek(source, 0, SEEK_END);
+  size = (size_t)ftell(source);
+  rewind(source);
+  contents = malloc(size);
+  if (contents == NULL || fread(contents, 1, size, source) != size) return 66;
+  fclose(source);
+  group = (gid_t)atoi(argv[2]);
+  logFile = fopen(argv[3], "a");
+  if (logFile == NULL) return 73;
+  static const struct fuse_operations operations = {
+      .getattr = getAttributes, .open = openFile, .read = readFile, .readdir = readDirectory};
+  argv[3] = argv[0];  // fuse_main sees: program MOUNTPOINT [OPTIONS...]
+  return fuse_main(argc - 3, argv + 3, &operations, NULL);
+}
