@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "helper/listener_service.h"
 #include "helper/service_listener.h"
@@ -81,11 +82,14 @@ int main() {
   if (!socket) return fail(problem);
 
   LDRunLoop runLoop;
+  int errorNumber = 0;
+  if (!runLoop.isValid(&errorNumber)) return fail(std::string("epoll_create1 failed: ") + std::strerror(errorNumber));
   LDServiceListener listener(std::move(*socket), runLoop);
   listener.setConnectionCodeSigningRequirement(*requirement);
   listener.setAdmissionPolicy(admissionPolicy());
   listener.setDelegate(&delegate);
   listener.activate();
-  runLoop.run();
+  // The loop ends only through the terminate callback; a loop that cannot wait serves no one.
+  if (!runLoop.run(&errorNumber)) return fail(std::string("epoll_wait failed: ") + std::strerror(errorNumber));
   return 0;
 }

@@ -1,12 +1,49 @@
 #include "platform/run_loop.h"
 
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <vector>
+#include <utility>
 
-LDRunLoop::LDRunLoop() : _epoll(::epoll_create1(EPOLL_CLOEXEC)) {}
+LDRunLoopMailbox::LDRunLoopMailbox() : _wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void LDRunLoopMailbox::post(std::function<void()> fn) {
+  {
+    std::lock_guard<std::mutex> hold(_lock);
+    _posted.push_back(std::move(fn));
+  }
+  const uint64_t one = 1;
+  (void)!::write(_wakeUp.fileDescriptor(), &one, sizeof one);
+}
+
+std::vector<std::function<void()>> LDRunLoopMailbox::take() {
+  uint64_t count = 0;
+  (void)!::read(_wakeUp.fileDescriptor(), &count, sizeof count);
+  std::lock_guard<std::mutex> hold(_lock);
+  return std::exchange(_posted, {});
+}
+
+const LDRunLoop::Calls LDRunLoop::kSystemCalls = {::epoll_create1, ::epoll_wait};
+
+LDRunLoop::LDRunLoop(const Calls& calls)
+    : _calls(calls), _mailbox(std::make_shared<LDRunLoopMailbox>()) {
+  _epoll.reset(_calls.create(EPOLL_CLOEXEC));
+  _creationError = _epoll.isValid() ? 0 : errno;
+  if (_epoll.isValid() && _mailbox->isValid()) {
+    watch(_mailbox->fileDescriptor(), EPOLLIN, [this](uint32_t) {
+      for (std::function<void()>& fn : _mailbox->take()) fn();
+    });
+  }
+}
+
+bool LDRunLoop::isValid(int* errorNumber) const {
+  if (_epoll.isValid() && _mailbox->isValid()) return true;
+  if (errorNumber) *errorNumber = _creationError != 0 ? _creationError : EMFILE;
+  return false;
+}
 
 int64_t LDRunLoop::now() {
   timespec now{};
@@ -49,7 +86,7 @@ void LDRunLoop::cancel(uint64_t identifier) {
   }
 }
 
-void LDRunLoop::run() {
+bool LDRunLoop::run(int* errorNumber) {
   std::vector<epoll_event> events(16);
   while (!_stopping) {
     int timeout = -1;
@@ -57,9 +94,14 @@ void LDRunLoop::run() {
       const int64_t wait = _timers.begin()->first - now();
       timeout = wait <= 0 ? 0 : static_cast<int>(std::min<int64_t>(wait / 1'000'000 + 1, 60'000));
     }
-    const int ready = ::epoll_wait(_epoll.fileDescriptor(), events.data(),
-                                   static_cast<int>(events.size()), timeout);
-    if (ready < 0 && errno != EINTR) return;
+    int ready = _calls.wait(_epoll.fileDescriptor(), events.data(), static_cast<int>(events.size()), timeout);
+    if (ready < 0) {
+      if (errno != EINTR) {
+        if (errorNumber) *errorNumber = errno;
+        return false;
+      }
+      ready = 0;  // a signal: look at the timers and wait again
+    }
     // Remember which registration each event belongs to: a handler may unwatch a descriptor
     // (and its number may be reused for a new one) before its event is looked at.
     std::vector<std::pair<int, uint64_t>> due;
@@ -81,4 +123,5 @@ void LDRunLoop::run() {
       fn();
     }
   }
+  return true;
 }

@@ -6,18 +6,51 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "shared/thread_annotations.h"
+
+struct epoll_event;
 
 #include "shared/file_handle.h"
+
+// Work handed to the loop from other threads. Shared, so that a thread that finishes after the
+// loop is gone still has somewhere to put its result (which is then simply dropped).
+class LDRunLoopMailbox {
+ public:
+  LDRunLoopMailbox();
+  bool isValid() const { return _wakeUp.isValid(); }
+  int fileDescriptor() const { return _wakeUp.fileDescriptor(); }
+  // From any thread.
+  void post(std::function<void()> fn) LD_EXCLUDES(_lock);
+  // On the loop's thread, when fileDescriptor() is readable.
+  std::vector<std::function<void()>> take() LD_EXCLUDES(_lock);
+
+ private:
+  LDFileHandle _wakeUp;  // eventfd
+  std::mutex _lock;
+  std::vector<std::function<void()>> _posted LD_GUARDED_BY(_lock);
+};
 
 class LDRunLoop {
  public:
   using Handler = std::function<void(uint32_t events)>;
+  // The epoll calls, replaceable so that a test can make them fail.
+  struct Calls {
+    int (*create)(int flags);
+    int (*wait)(int epoll, struct epoll_event* events, int count, int timeout);
+  };
+  static const Calls kSystemCalls;
 
-  LDRunLoop();
+  explicit LDRunLoop(const Calls& calls = kSystemCalls);
   LDRunLoop(const LDRunLoop&) = delete;
   LDRunLoop& operator=(const LDRunLoop&) = delete;
 
-  bool isValid() const { return _epoll.isValid(); }
+  // False when the epoll set or the mailbox could not be made; *errorNumber says why.
+  bool isValid(int* errorNumber = nullptr) const;
+  const std::shared_ptr<LDRunLoopMailbox>& mailbox() const { return _mailbox; }
 
   // Calls handler with the epoll events whenever fd is ready for `events`.
   void watch(int fd, uint32_t events, Handler handler);
@@ -30,8 +63,9 @@ class LDRunLoop {
   uint64_t runAt(int64_t deadlineNanoseconds, std::function<void()> fn);
   void cancel(uint64_t identifier);
 
-  // Turns until stop() is called (from a handler); without stop() it never returns.
-  void run();
+  // Turns until stop() is called (from a handler): true. Waiting is retried on EINTR; any other
+  // failure to wait returns false with *errorNumber, as the loop cannot go on.
+  bool run(int* errorNumber = nullptr);
   void stop() { _stopping = true; }
 
   static int64_t now();
@@ -41,7 +75,10 @@ class LDRunLoop {
     uint64_t generation;
     Handler handler;
   };
+  const Calls _calls;
   LDFileHandle _epoll;
+  int _creationError = 0;
+  std::shared_ptr<LDRunLoopMailbox> _mailbox;
   std::map<int, Watch> _watches;
   std::multimap<int64_t, std::pair<uint64_t, std::function<void()>>> _timers;
   uint64_t _nextGeneration = 1;

@@ -1,0 +1,124 @@
+// The helper's listener and run loop on real sockets, with admission and epoll replaced where a
+// test must make them slow or fail.
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <future>
+
+#include "helper/service_listener.h"
+#include "support/test_pki.h"
+
+namespace {
+
+int connectTo(const std::string& path) {
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? fd : -1;
+}
+
+class Greeter final : public LDServiceListenerDelegate {
+ public:
+  bool listener(LDServiceListener&, LDHelperConnection& connection) override {
+    connection.activate();  // sends Hello
+    return true;
+  }
+};
+
+// What a client sees now: "hello" (a packet), "closed" (end of stream) or "nothing".
+std::string seen(int fd) {
+  char packet[64];
+  const ssize_t got = ::recv(fd, packet, sizeof packet, MSG_DONTWAIT | MSG_PEEK);
+  return got > 0 ? "hello" : got == 0 ? "closed" : "nothing";
+}
+
+TEST(ServiceListener, APeerStuckInAdmissionIsDroppedAtItsDeadlineWhileOthersAreServed) {
+  ldtest::TemporaryDirectory directory;
+  const std::string path = directory.file("helper.sock");
+  LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(listening.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listening.fileDescriptor(), 8), 0);
+
+  std::promise<void> release, stuckReturned;
+  std::atomic<bool> stuckStarted{false};
+  std::shared_future<void> released = release.get_future().share();
+  LDRunLoop loop;
+  Greeter greeter;
+  auto listener = std::make_unique<LDServiceListener>(std::move(listening), loop);
+  const pid_t self = ::getpid();
+  listener->setAdmission(
+      [&, first = std::make_shared<std::atomic<bool>>(true)](int, uint64_t) -> std::optional<LDAdmittedPeer> {
+        if (first->exchange(false)) {  // the first peer: stuck far past its deadline
+          stuckStarted = true;
+          released.wait();
+          stuckReturned.set_value();
+          return std::nullopt;
+        }
+        LDAdmittedPeer peer;
+        peer.pid = self;
+        return peer;
+      },
+      50'000'000);
+  listener->setDelegate(&greeter);
+  listener->activate();
+
+  LDFileHandle stuck(connectTo(path)), served;
+  ASSERT_TRUE(stuck.isValid());
+  // Bounded; it ends as soon as both clients have their answer. The second
+  // client connects once the first one's admission is under way.
+  const int64_t giveUp = LDRunLoop::now() + 2'000'000'000;
+  std::function<void()> check = [&] {
+    if (stuckStarted && !served.isValid()) served.reset(connectTo(path));
+    if ((seen(stuck.fileDescriptor()) == "closed" && seen(served.fileDescriptor()) == "hello") ||
+        LDRunLoop::now() > giveUp) {
+      loop.stop();
+    } else {
+      loop.runAt(LDRunLoop::now() + 5'000'000, check);
+    }
+  };
+  loop.runAt(LDRunLoop::now(), check);
+  ASSERT_TRUE(loop.run());
+
+  EXPECT_EQ(seen(stuck.fileDescriptor()), "closed") << "dropped at the deadline";
+  EXPECT_EQ(seen(served.fileDescriptor()), "hello") << "greeted while the other was stuck";
+  release.set_value();
+  stuckReturned.get_future().wait();
+  listener.reset();
+}
+
+int failCreate(int) {
+  errno = EMFILE;
+  return -1;
+}
+
+// EINTR, then a real failure; a timer that fell due in between still runs.
+int interruptedThenBroken(int, epoll_event*, int, int) {
+  static int call = 0;
+  errno = ++call == 1 ? EINTR : EBADF;
+  return -1;
+}
+
+TEST(RunLoop, AFailedEpollIsReportedNotTakenForAnEnding) {
+  int errorNumber = 0;
+  EXPECT_FALSE(LDRunLoop({failCreate, ::epoll_wait}).isValid(&errorNumber));
+  EXPECT_EQ(errorNumber, EMFILE);
+
+  LDRunLoop loop({::epoll_create1, interruptedThenBroken});
+  bool timerRan = false;
+  loop.runAt(LDRunLoop::now(), [&] { timerRan = true; });
+  EXPECT_FALSE(loop.run(&errorNumber));
+  EXPECT_EQ(errorNumber, EBADF);
+  EXPECT_TRUE(timerRan) << "EINTR is retried";
+}
+
+}  // namespace
