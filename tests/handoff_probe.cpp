@@ -11,6 +11,8 @@
 //   handoff_probe request-and-sleep VERSION PATH            request, then never read anything
 //   handoff_probe connect-then-exec PATH PROGRAM            connect, then exec PROGRAM on the socket
 //   handoff_probe inherited-wait FD                         report what arrives on an inherited socket
+//   handoff_probe exec-after-hello PATH PROGRAM             greeted, then exec PROGRAM on the socket
+//   handoff_probe inherited-ask FD                          request on an inherited socket, report
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 //   handoff_probe greet PATH                                report whether the helper greets us
 //   handoff_probe drop-group PATH                           greeted, give the group up, then request
@@ -169,6 +171,19 @@ int main(int argc, char** argv) {
     if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) return 125;
     ::execl(argv[3], argv[3], "inherited-wait", "3", static_cast<char*>(nullptr));
     return 127;
+  }
+  if (mode == "exec-after-hello" && argc >= 4) {
+    const int fd = connectTo(argv[2]);
+    say(next(fd, 3000));
+    const int target = 3;
+    if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) return 125;
+    ::execl(argv[3], argv[3], "inherited-ask", "3", static_cast<char*>(nullptr));
+    return 127;
+  }
+  if (mode == "inherited-ask") {
+    sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
+    say(next(std::atoi(argv[2]), 3000));
+    return 0;
   }
   if (mode == "inherited-request") {
     sendMessage(std::atoi(argv[2]), LDRequestMessage{1});

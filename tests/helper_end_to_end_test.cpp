@@ -241,6 +241,8 @@ std::string refusalScenario(const std::string& helperPath) {
          "closed\n", -1},
         {"garbage after Hello", {signedProbe, "after-hello-garbage", socket}, "hello\nclosed\n"},
         {"gives its group up after Hello", {signedProbe, "drop-group", socket}, "hello\nclosed\n"},
+        {"execs another program after Hello", {signedProbe, "exec-after-hello", socket, unsignedProbe},
+         "hello\nclosed\n"},
         {"request from a forked unsigned child", {signedProbe, "forked-sender", socket, unsignedProbe}, "hello\nclosed\n"},
         // Whether the helper looks before or after the exec, it must refuse.
         {"connects, then execs the signed client", {unsignedProbe, "connect-then-exec", socket, signedProbe}, "closed\n"},

@@ -1,6 +1,8 @@
 // Admission's pinning of the peer process, on a socketpair whose peer is this very process.
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -30,6 +32,26 @@ TEST(PeerIdentity, WithoutPeerPidfdOnlyAProcessStartedBeforeTheAcceptIsPinned) {
                              policy, &reason));
     EXPECT_EQ(reason.substr(0, std::string(c.reason).size()), c.reason) << reason;
   }
+}
+
+// A socket that crossed an exec cannot be close-on-exec: the scan must find every copy.
+TEST(PeerIdentity, FindsEveryCopyOfTheSocketAndStopsAtTheFirstThatSurvivesExec) {
+  int pair[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+  LDFileHandle ours(pair[0]), theirs(pair[1]), self(::open("/proc/self", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct stat socket {};
+  ASSERT_EQ(::fstat(ours.fileDescriptor(), &socket), 0);
+  EXPECT_EQ(LDScanSocketCopies(self.fileDescriptor(), socket.st_ino, 1024), LDSocketCopies::allCloseOnExec);
+  EXPECT_EQ(LDScanSocketCopies(self.fileDescriptor(), socket.st_ino, 2), LDSocketCopies::tooManyDescriptors);
+  LDFileHandle cloexecCopy(::fcntl(ours.fileDescriptor(), F_DUPFD_CLOEXEC, 0));
+  EXPECT_EQ(LDScanSocketCopies(self.fileDescriptor(), socket.st_ino, 1024), LDSocketCopies::allCloseOnExec);
+  LDFileHandle inherited(::fcntl(ours.fileDescriptor(), F_DUPFD, 0));
+  EXPECT_EQ(LDScanSocketCopies(self.fileDescriptor(), socket.st_ino, 1024), LDSocketCopies::notCloseOnExec);
+  ours.reset();
+  cloexecCopy.reset();
+  inherited.reset();
+  EXPECT_EQ(LDScanSocketCopies(self.fileDescriptor(), socket.st_ino, 1024), LDSocketCopies::none)
+      << "a socket the process does not hold is not its own";
 }
 
 }  // namespace
