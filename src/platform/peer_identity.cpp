@@ -192,6 +192,9 @@ std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, uint64_t acceptedAfter, co
       problem = groups ? groupProblem(*groups, executable->group) : "the peer's groups cannot be read";
     }
   }
+  if (problem.empty() && LDCountDescriptors(process, policy.maximumDescriptors) > policy.maximumDescriptors) {
+    problem = "the peer holds more descriptors than a client needs";  // before the costly checks
+  }
   if (!problem.empty()) {
     *reason = problem;
     return std::nullopt;

@@ -199,6 +199,21 @@ bool LDIsLocalFileSystem(const std::string& type) {
   return false;
 }
 
+size_t LDCountDescriptors(int processDirectory, size_t limit) {
+  LDFileHandle descriptors(::openat(processDirectory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  DIR* listing = descriptors.isValid() ? ::fdopendir(descriptors.fileDescriptor()) : nullptr;
+  if (listing == nullptr) return limit + 1;
+  (void)descriptors.release();  // the listing owns it now
+  size_t count = 0;
+  while (count <= limit) {
+    const dirent* entry = ::readdir(listing);
+    if (entry == nullptr) break;
+    if (entry->d_name[0] != '.') ++count;
+  }
+  ::closedir(listing);
+  return count;
+}
+
 LDSocketCopies LDScanSocketCopies(int processDirectory, ino_t socketInode, size_t maximumDescriptors) {
   LDFileHandle descriptors(::openat(processDirectory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!descriptors.isValid()) return LDSocketCopies::unreadable;

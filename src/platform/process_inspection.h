@@ -72,5 +72,9 @@ enum class LDSocketCopies {
   tooManyDescriptors,
   unreadable,
 };
+// How many descriptors the process holds, counting no further than limit + 1. Reads only the
+// directory, no link: cheap enough to come before any costly check.
+size_t LDCountDescriptors(int processDirectory, size_t limit);
+
 // Scans at most maximumDescriptors entries of /proc/<pid>/fd.
 LDSocketCopies LDScanSocketCopies(int processDirectory, ino_t socketInode, size_t maximumDescriptors);

@@ -12,7 +12,7 @@ LDRunLoopMailbox::LDRunLoopMailbox() : _wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NO
 
 void LDRunLoopMailbox::post(std::function<void()> fn) {
   {
-    std::lock_guard<std::mutex> hold(_lock);
+    LDLockGuard hold(_lock);
     _posted.push_back(std::move(fn));
   }
   const uint64_t one = 1;
@@ -22,7 +22,7 @@ void LDRunLoopMailbox::post(std::function<void()> fn) {
 std::vector<std::function<void()>> LDRunLoopMailbox::take() {
   uint64_t count = 0;
   (void)!::read(_wakeUp.fileDescriptor(), &count, sizeof count);
-  std::lock_guard<std::mutex> hold(_lock);
+  LDLockGuard hold(_lock);
   return std::exchange(_posted, {});
 }
 

@@ -30,7 +30,7 @@ class LDRunLoopMailbox {
 
  private:
   LDFileHandle _wakeUp;  // eventfd
-  std::mutex _lock;
+  LDLock _lock;
   std::vector<std::function<void()>> _posted LD_GUARDED_BY(_lock);
 };
 

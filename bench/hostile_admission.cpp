@@ -1,0 +1,162 @@
+// How long a legitimate client waits for its transfer while hostile peers keep the helper's
+// admission as busy as they can, as root in a private network namespace.
+//
+//   hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE]]
+//
+// CLIENT is the signed transfer_client installed set-group-ID, as an application is. Each hostile
+// peer runs that very client, the one program a keyless user can get admitted that far, again
+// and again with 1030 inherited descriptors: admission then pays every check, a full signature
+// check and the descriptor scan up to its limit before it refuses. The helper is restarted as
+// soon as it exits, the way systemd starts it while connections wait. Prints the legitimate
+// transfer time (the client's connect to its exit) with and without the hostile peers, in ms.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <net/if.h>
+#include <signal.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "shared/file_handle.h"
+
+namespace {
+
+int64_t now() {
+  timespec t{};
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec;
+}
+
+[[noreturn]] void die(const std::string& why) {
+  std::fprintf(stderr, "hostile_admission: %s\n", why.c_str());
+  std::exit(1);
+}
+
+void becomeNobody() {
+  if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) {
+    ::_exit(126);
+  }
+}
+
+pid_t startHelper(const std::string& helper, int listening) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int target = 3;
+    if (!LDPlaceDescriptorsForExec(&listening, &target, 1)) ::_exit(125);
+    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+    ::setenv("LISTEN_FDS", "1", 1);
+    ::execl(helper.c_str(), helper.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  return child;
+}
+
+// Runs the client with 1030 inherited descriptors, over and over, until killed.
+pid_t startHostilePeer(const std::string& client, const std::string& socket) {
+  const pid_t peer = ::fork();
+  if (peer != 0) return peer;
+  becomeNobody();
+  const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  for (;;) {
+    const pid_t run = ::fork();
+    if (run == 0) {
+      rlimit limit{2048, 2048};
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+      ::dup2(null, 1);
+      ::dup2(null, 2);
+      for (int i = 0; i < 1030; ++i) (void)::fcntl(0, F_DUPFD, 3);
+      ::execl(client.c_str(), client.c_str(), socket.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    ::waitpid(run, nullptr, 0);
+  }
+}
+
+// One legitimate transfer, in ms from the client's connect to its exit; the helper that served
+// it is reaped and a fresh one started.
+double legitimateTransfer(const std::string& client, const std::string& socket, const std::string& helper,
+                          int listening, pid_t* helperPid) {
+  int output[2];
+  if (::pipe2(output, O_CLOEXEC) != 0) die("pipe2");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(output[1], 1);
+    becomeNobody();
+    ::execl(client.c_str(), client.c_str(), socket.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(output[1]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  const int64_t end = now();
+  char text[64] = {};
+  const ssize_t got = ::read(output[0], text, sizeof text - 1);
+  ::close(output[0]);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || got <= 0) die("a legitimate transfer failed");
+  ::waitpid(*helperPid, &status, 0);
+  *helperPid = startHelper(helper, listening);
+  return static_cast<double>(end - std::atoll(text)) / 1e6;
+}
+
+void report(const char* what, std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const auto at = [&](double q) { return values[static_cast<size_t>(q * static_cast<double>(values.size() - 1))]; };
+  std::printf("%-34s median %7.2f ms   p99 %7.2f ms   max %7.2f ms   (%zu transfers)\n", what, at(0.5), at(0.99),
+              values.back(), values.size());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 4) die("usage: hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE]]");
+  const std::string helper = argv[1], client = argv[2], socket = std::string(argv[3]) + "/hostile.sock";
+  const int rounds = argc > 4 ? std::atoi(argv[4]) : 200;
+  const int hostile = argc > 5 ? std::atoi(argv[5]) : 20;
+  if (::unshare(CLONE_NEWNET) != 0) die("unshare(CLONE_NEWNET) needs root");
+  const int up = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request{};
+  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+  request.ifr_flags = IFF_UP;
+  if (::ioctl(up, SIOCSIFFLAGS, &request) != 0) die("lo up");
+  ::close(up);
+
+  LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
+  ::unlink(socket.c_str());
+  if (::bind(listening.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::chmod(socket.c_str(), 0666) != 0 || ::listen(listening.fileDescriptor(), SOMAXCONN) != 0) {
+    die("cannot listen at " + socket);
+  }
+  pid_t helperPid = startHelper(helper, listening.fileDescriptor());
+  std::vector<double> quiet, underAttack;
+  for (int i = 0; i < rounds / 4; ++i) {
+    quiet.push_back(legitimateTransfer(client, socket, helper, listening.fileDescriptor(), &helperPid));
+  }
+  std::vector<pid_t> peers;
+  for (int i = 0; i < hostile; ++i) peers.push_back(startHostilePeer(client, socket));
+  ::usleep(500'000);  // let the flood build up
+  for (int i = 0; i < rounds; ++i) {
+    underAttack.push_back(legitimateTransfer(client, socket, helper, listening.fileDescriptor(), &helperPid));
+  }
+  for (const pid_t peer : peers) ::kill(peer, SIGKILL);
+  ::kill(helperPid, SIGKILL);
+  report("legitimate transfer, quiet", quiet);
+  report(("legitimate transfer, " + std::to_string(hostile) + " hostile peers").c_str(), underAttack);
+  return 0;
+}
