@@ -8,14 +8,19 @@ set(CMAKE_SKIP_INSTALL_RPATH ON)
 set(LD_SERVICE_NAME "${LD_APP_SIGNING_IDENTIFIER}.local-domain-listener")
 set(LD_HELPER_PATH "${CMAKE_INSTALL_FULL_LIBEXECDIR}/quillfern-local-domain-listener")
 set(LD_DOC_DIR "${CMAKE_INSTALL_FULL_DOCDIR}")
+set(LD_DEMO_PATH "${CMAKE_INSTALL_FULL_BINDIR}/quillfern-listen")
+# The package installs the demo set-group-ID to this group of its own, which has no members.
+set(LD_DEMO_GROUP "quillfern-listen")
 set(LD_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING "Where the units go, below the prefix")
 
 configure_file(packaging/helper.socket.in "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.socket" @ONLY)
 configure_file(packaging/helper.service.in "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.service" @ONLY)
 configure_file(packaging/postinst.in "${CMAKE_BINARY_DIR}/packaging/postinst" @ONLY
                FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-configure_file(packaging/prerm.in "${CMAKE_BINARY_DIR}/packaging/prerm" @ONLY
-               FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+foreach(script prerm postrm)
+  configure_file(packaging/${script}.in "${CMAKE_BINARY_DIR}/packaging/${script}" @ONLY
+                 FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+endforeach()
 
 install(TARGETS quillfern-local-domain-listener DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}"
         PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -51,13 +56,13 @@ set(CPACK_PACKAGE_CONTACT "Quillfern developers <dev@quillfern.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
     "Privileged helper that hands loopback port 80 listeners to a signed application")
 set(CPACK_GENERATOR "DEB")
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libssl3 (>= 3.0), systemd")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libssl3 (>= 3.0), systemd, passwd")
 set(CPACK_DEBIAN_PACKAGE_SECTION "net")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 # dpkg-shlibdeps and strip would not change behaviour, but strip would remove the signatures.
 set(CPACK_STRIP_FILES OFF)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    "${CMAKE_BINARY_DIR}/packaging/postinst;${CMAKE_BINARY_DIR}/packaging/prerm")
+    "${CMAKE_BINARY_DIR}/packaging/postinst;${CMAKE_BINARY_DIR}/packaging/prerm;${CMAKE_BINARY_DIR}/packaging/postrm")
 # The units name the helper by its installed path, so the package installs where the build said.
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")
 include(CPack)

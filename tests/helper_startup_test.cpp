@@ -1,15 +1,12 @@
-// The helper's start-up refusals, where its service socket comes from, and the client's word
-// when there is no helper.
+// The helper's start-up refusals, that its service socket comes only from socket activation,
+// and the client's word when there is no helper.
 
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -23,9 +20,47 @@
 
 namespace {
 
-using ldtest::runProgram;
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  return address;
+}
 
-TEST(HelperStartup, RefusesToRunWithoutRootOrWithoutATeam) {
+// A seqpacket socket bound at path; listening unless backlog is negative.
+LDFileHandle bindAt(const std::string& path, int backlog) {
+  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = addressOf(path);
+  EXPECT_EQ(::bind(socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_TRUE(backlog < 0 || ::listen(socket.fileDescriptor(), backlog) == 0);
+  return socket;
+}
+
+LDFileHandle connectTo(const std::string& path) {
+  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = addressOf(path);
+  EXPECT_EQ(::connect(socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  return socket;
+}
+
+TEST(HelperStartup, RefusesToRunWithoutRootOrSocketActivationWhateverItsArguments) {
+  ldtest::ProgramDirectory programs;
+  const std::string helper = programs.install(LD_HELPER, "helper");
+  const std::string notActivated = "quillfern-local-domain-listener: " + LDNotSocketActivatedMessage() + "\n";
+  struct Case { std::vector<std::string> argv; int uid; std::string standardError; };
+  for (const Case& c : {
+           Case{{helper}, 65534, "quillfern-local-domain-listener: must run as a root LaunchDaemon\n"},
+           Case{{helper}, -1, notActivated},
+           Case{{helper, "--help"}, -1, notActivated},
+       }) {
+    const auto result = ldtest::runProgram(c.argv, c.uid);
+    EXPECT_EQ(result.exitStatus, 1) << c.argv.size() << " uid " << c.uid;
+    EXPECT_EQ(result.standardError, c.standardError) << c.argv.size() << " uid " << c.uid;
+    EXPECT_EQ(result.standardOutput, "");
+  }
+}
+
+TEST(HelperStartup, WithoutATeamItClosesTheWaitingConnectionsSoSystemdCannotSpinIt) {
   ldtest::ProgramDirectory programs;
   const std::string helper = programs.install(LD_HELPER, "helper");
   // An unsigned copy: the signature cut off, the code unchanged.
@@ -36,60 +71,22 @@ TEST(HelperStartup, RefusesToRunWithoutRootOrWithoutATeam) {
   const std::string unsignedHelper = programs.file("unsigned-helper");
   ldtest::writeFile(unsignedHelper, image.substr(0, location.codeSize), 0755);
 
-  struct Case {
-    const char* name;
-    std::string program;
-    int uid;
-    std::string standardError;
-  };
-  for (const Case& c : {
-           Case{"not root", helper, 65534, "quillfern-local-domain-listener: must run as a root LaunchDaemon\n"},
-           Case{"no team", unsignedHelper, -1,
-                "quillfern-local-domain-listener: This build carries no Team ID; it is unsigned or ad-hoc "
-                "signed, so the privileged listener peers cannot authenticate each other\n"},
-       }) {
-    const auto result = runProgram({c.program}, c.uid);
-    EXPECT_EQ(result.exitStatus, 1) << c.name;
-    EXPECT_EQ(result.standardError, c.standardError) << c.name;
-    EXPECT_EQ(result.standardOutput, "") << c.name;
+  // The listening socket stays open here as systemd keeps it: a waiting connection ends only if
+  // the helper accepted and closed it.
+  const std::string path = programs.file("helper.sock");
+  const LDFileHandle listening = bindAt(path, 8);
+  const LDFileHandle first = connectTo(path), second = connectTo(path);
+
+  auto process = ldtest::ChildProcess::start({unsignedHelper}, -1, listening.fileDescriptor());
+  EXPECT_EQ(process.readAll(5000),
+            "quillfern-local-domain-listener: This build carries no Team ID; it is unsigned or ad-hoc "
+            "signed, so the privileged listener peers cannot authenticate each other\n");
+  EXPECT_EQ(process.wait(5000), 1);
+  for (const LDFileHandle* waiting : {&first, &second}) {
+    pollfd entry{waiting->fileDescriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&entry, 1, 0), 1) << "closed by the helper";
+    EXPECT_TRUE(entry.revents & POLLHUP);
   }
-}
-
-int connectTo(const std::string& path) {
-  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  return ::connect(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-}
-
-TEST(ServiceSocket, BindsFreshReplacesStaleAndRefusesEverythingElse) {
-  ldtest::TemporaryDirectory directory;
-  std::string error;
-
-  const std::string fresh = directory.file("fresh.sock");
-  auto bound = LDBindServiceSocket(fresh, &error);
-  ASSERT_TRUE(bound) << error;
-  struct stat status {};
-  ASSERT_EQ(::stat(fresh.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0666u);
-  EXPECT_EQ(connectTo(fresh), 0) << "listening";
-
-  // Someone listens there: refused, and the live socket is left alone.
-  EXPECT_FALSE(LDBindServiceSocket(fresh, &error));
-  EXPECT_EQ(error, "another helper is already listening at " + fresh);
-  EXPECT_EQ(connectTo(fresh), 0);
-
-  // The listener is gone, its socket file is stale: replaced.
-  bound.reset();
-  EXPECT_NE(connectTo(fresh), 0);
-  EXPECT_TRUE(LDBindServiceSocket(fresh, &error)) << error;
-
-  const std::string file = directory.file("file");
-  ldtest::writeFile(file, "precious", 0644);
-  EXPECT_FALSE(LDBindServiceSocket(file, &error));
-  EXPECT_EQ(error, file + " exists and is not a socket; refusing to replace it");
-  EXPECT_EQ(ldtest::readFile(file), "precious");
 }
 
 TEST(ServiceSocket, ActivationIsTakenOnlyWhenItNamesThisProcess) {
@@ -109,36 +106,36 @@ TEST(ServiceSocket, ActivationIsTakenOnlyWhenItNamesThisProcess) {
 }
 
 TEST(ServiceSocket, ActivatedDescriptorMustBeAListeningSeqpacketSocket) {
-  // Run in a child: it takes descriptor 3 over and closes it.
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    const int stream = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (::dup2(stream, 3) != 3) ::_exit(2);
-    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-    ::setenv("LISTEN_FDS", "1", 1);
-    bool activated = false;
-    std::string error;
-    const bool refused = !LDTakeActivatedSocket(&activated, &error) && activated &&
-                         error == "the activated socket is not a listening AF_UNIX SOCK_SEQPACKET socket";
-    ::_exit(refused ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ldtest::ProgramDirectory programs;
+  const LDFileHandle stream(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  auto process = ldtest::ChildProcess::start({programs.install(LD_HELPER, "helper")}, -1, stream.fileDescriptor());
+  EXPECT_EQ(process.readAll(5000),
+            "quillfern-local-domain-listener: the activated socket is not a listening AF_UNIX SOCK_SEQPACKET socket\n");
+  EXPECT_EQ(process.wait(5000), 1);
 }
 
-TEST(Client, SaysWhatToDoWhenThereIsNoHelper) {
+TEST(Client, SaysWhatToDoWhenNothingListens) {
   ldtest::TemporaryDirectory directory;
-  LDClientOptions options;
-  options.socketPath = directory.file("nothing.sock");
-  options.requireSecureExecution = false;
-  std::optional<LDError> error;
-  EXPECT_FALSE(LDAcquireListeners(options, &error));
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->description(), "The helper is not installed: there is no socket at " + options.socketPath +
-                                      ". Install quillfern-local-domain-listener and enable " +
-                                      std::string(LDMachServiceName) + ".socket.");
+  const std::string stale = directory.file("stale.sock");
+  bindAt(stale, -1);  // closed at once: its file stays, nobody listens
+  const std::string byHand = "systemd-socket-activate --seqpacket -l ";
+  const std::string helper = " /path/to/quillfern-local-domain-listener.";
+  const std::string service = LDServiceSocketPath();
+  for (const auto& [path, expected] : std::vector<std::pair<std::string, std::string>>{
+           {stale, "Nothing is listening at " + stale + " (a socket file left behind by a stopped listener): start a "
+                   "helper there, as root: " + byHand + stale + helper},
+           {service, "There is no helper socket at " + service + ": the helper's socket unit is not running. With "
+                     "the package installed, run as root: systemctl enable --now " + std::string(LDMachServiceName) +
+                     ".socket. From a source build, run as root: " + byHand + service + helper},
+       }) {
+    LDClientOptions options;
+    options.socketPath = path;
+    options.requireSecureExecution = false;
+    std::optional<LDError> error;
+    EXPECT_FALSE(LDAcquireListeners(options, &error));
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->description(), expected);
+  }
 }
 
 }  // namespace

@@ -160,6 +160,17 @@ std::string adviceFor(int64_t status, const std::optional<std::string>& message,
   }
 }
 
+// The service socket belongs to the installed package's socket unit; any other path can only
+// come from a helper started by hand under socket activation.
+std::string howToStartTheHelper(const std::string& path) {
+  const std::string byHand = "systemd-socket-activate --seqpacket -l " + path +
+                             " /path/to/quillfern-local-domain-listener";
+  if (path != LDServiceSocketPath()) return "start a helper there, as root: " + byHand + ".";
+  return "the helper's socket unit is not running. With the package installed, run as root: "
+         "systemctl enable --now " + std::string(LDMachServiceName) + ".socket. From a source build, "
+         "run as root: " + byHand + ".";
+}
+
 }  // namespace
 
 std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options,
@@ -187,12 +198,10 @@ std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& opt
     const int errorNumber = errno;
     if (error) {
       if (errorNumber == ENOENT) {
-        *error = problem("The helper is not installed: there is no socket at " + path +
-                         ". Install quillfern-local-domain-listener and enable " +
-                         std::string(LDMachServiceName) + ".socket.");
+        *error = problem("There is no helper socket at " + path + ": " + howToStartTheHelper(path));
       } else if (errorNumber == ECONNREFUSED) {
-        *error = problem("Nothing is listening at " + path + ": start " +
-                         std::string(LDMachServiceName) + ".socket.");
+        *error = problem("Nothing is listening at " + path +
+                         " (a socket file left behind by a stopped listener): " + howToStartTheHelper(path));
       } else if (errorNumber == EACCES) {
         *error = problem("This user may not connect to " + path + " (permission denied).");
       } else {

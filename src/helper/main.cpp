@@ -61,10 +61,23 @@ int main() {
     std::fputs(kMustRunAsRoot, stderr);
     return 1;
   }
+  // Only a socket handed over by socket activation is served: a helper started by hand (with
+  // any arguments) binds nothing, so it can neither leave a socket file behind nor stay as a
+  // root process that nobody started on purpose.
+  bool activated = false;
+  std::string problem;
+  std::optional<LDFileHandle> socket = LDTakeActivatedSocket(&activated, &problem);
+  if (!activated) return fail(LDNotSocketActivatedMessage());
+  if (!socket) return fail(problem);
+
   std::optional<LDError> error;
   const std::optional<std::string> requirement =
       LDCodeSigningRequirementForIdentifier(LDAppSigningIdentifier, &error);
   if (!requirement) {
+    // systemd starts the service again for as long as a connection waits; closing the waiting
+    // ones makes every failed start cost at least one connection, so a helper that cannot serve
+    // never spins.
+    LDRefuseWaitingConnections(*socket);
     return fail(error && !error->description().empty() ? error->description()
                                                        : "unable to derive the client requirement");
   }
@@ -74,12 +87,6 @@ int main() {
       LDListenerPort, LD_ACKNOWLEDGEMENT_TIMEOUT, LD_REPLY_BARRIER_FALLBACK_TIMEOUT, nullptr,
       [](int32_t status) { std::exit(status); }, utilityQueue);
   LDListenerServiceDelegate delegate(service);
-
-  bool activated = false;
-  std::string problem;
-  std::optional<LDFileHandle> socket = LDTakeActivatedSocket(&activated, &problem);
-  if (!activated) socket = LDBindServiceSocket(LDServiceSocketPath(), &problem);
-  if (!socket) return fail(problem);
 
   LDRunLoop runLoop;
   int errorNumber = 0;

@@ -2,13 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "shared/constants.h"
 
@@ -32,20 +29,14 @@ int intOption(int fd, int level, int name) {
   return ::getsockopt(fd, level, name, &value, &length) == 0 ? value : -1;
 }
 
-bool fillAddress(const std::string& path, sockaddr_un* address, std::string* error) {
-  *address = sockaddr_un{};
-  address->sun_family = AF_UNIX;
-  if (path.size() >= sizeof address->sun_path) {
-    *error = "socket path too long: " + path;
-    return false;
-  }
-  std::memcpy(address->sun_path, path.c_str(), path.size() + 1);
-  return true;
-}
-
 }  // namespace
 
 std::string LDServiceSocketPath() { return "/run/" + std::string(LDMachServiceName) + ".sock"; }
+
+std::string LDNotSocketActivatedMessage() {
+  return "not started by socket activation; start " + std::string(LDMachServiceName) +
+         ".socket or run it under systemd-socket-activate --seqpacket -l PATH";
+}
 
 std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* error) {
   const std::optional<long> pid = numberFromEnvironment("LISTEN_PID");
@@ -72,29 +63,17 @@ std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* 
   return socket;
 }
 
-std::optional<LDFileHandle> LDBindServiceSocket(const std::string& path, std::string* error) {
-  sockaddr_un address;
-  if (!fillAddress(path, &address, error)) return std::nullopt;
-  struct stat existing {};
-  if (::lstat(path.c_str(), &existing) == 0) {
-    if (!S_ISSOCK(existing.st_mode)) {
-      *error = path + " exists and is not a socket; refusing to replace it";
-      return std::nullopt;
+size_t LDRefuseWaitingConnections(const LDFileHandle& socket, size_t maximum) {
+  size_t refused = 0;
+  while (refused < maximum) {
+    const int connection = ::accept4(socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int errorNumber = connection < 0 ? errno : 0;
+    if (connection < 0) {
+      if (errorNumber == EINTR || errorNumber == ECONNABORTED) continue;
+      break;  // EAGAIN: none left
     }
-    LDFileHandle probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (probe.isValid() &&
-        ::connect(probe.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-      *error = "another helper is already listening at " + path;
-      return std::nullopt;
-    }
-    ::unlink(path.c_str());  // stale: nobody listens there
+    LDFileHandle closing(connection);
+    ++refused;
   }
-  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!socket.isValid() ||
-      ::bind(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::chmod(path.c_str(), 0666) != 0 || ::listen(socket.fileDescriptor(), 16) != 0) {
-    *error = "cannot listen at " + path + ": " + std::strerror(errno);
-    return std::nullopt;
-  }
-  return socket;
+  return refused;
 }

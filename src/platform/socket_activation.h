@@ -1,7 +1,8 @@
 #pragma once
 
-// Where the helper's service socket comes from: systemd socket activation when LISTEN_PID names
-// this process, otherwise a socket the helper binds itself at the service path.
+// The helper's service socket comes only from socket activation: systemd (or
+// systemd-socket-activate) owns the path, so a helper never creates, replaces or leaves behind a
+// socket file, and a second helper can never listen beside the first.
 
 #include <optional>
 #include <string>
@@ -11,11 +12,16 @@
 // /run/<service name>.sock
 std::string LDServiceSocketPath();
 
+// The one line a helper prints when it was started by hand instead of by socket activation.
+std::string LDNotSocketActivatedMessage();
+
 // The activated socket (fd 3) if LISTEN_PID is this process and LISTEN_FDS is 1, checked to be a
 // listening AF_UNIX SOCK_SEQPACKET socket; the LISTEN_* variables are removed either way.
 // Nothing (and *activated false) when this process was not socket-activated.
 std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* error);
 
-// Binds and listens at path, mode 0666. A stale socket left there is replaced; anything else at
-// the path, or a socket someone is listening on, is refused.
-std::optional<LDFileHandle> LDBindServiceSocket(const std::string& path, std::string* error);
+// Accepts and closes every connection already waiting on a listening socket (at most
+// maximum). A helper that cannot serve calls this before it exits: systemd starts the service
+// again as long as a connection waits, so each failed start must use the waiting ones up.
+// Returns how many it closed.
+size_t LDRefuseWaitingConnections(const LDFileHandle& socket, size_t maximum = 4096);
