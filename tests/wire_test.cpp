@@ -1,13 +1,10 @@
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "platform/seqpacket.h"
 #include "platform/wire.h"
 #include "shared/file_handle.h"
-#include "support/descriptors.h"
 
 namespace {
 
@@ -98,34 +95,6 @@ TEST(Wire, RejectsEveryMalformedPacket) {
        }) {
     EXPECT_FALSE(LDDecodeMessage(c.packet, c.descriptors)) << c.name;
   }
-}
-
-// A truncated packet, or one whose descriptors did not fit, is refused and leaves nothing open.
-TEST(Seqpacket, OversizedPacketsAndExtraDescriptorsAreRefusedWithoutLeaks) {
-  int pair[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
-  LDFileHandle sender(pair[0]), receiver(pair[1]);
-  const auto before = ldtest::openDescriptors();
-  LDReceivedPacket packet;
-  int errorNumber = 0;
-
-  ASSERT_EQ(LDSendPacket(sender.fileDescriptor(), std::string(5000, 'x'), {}, false), 0);
-  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::truncated);
-
-  const std::vector<int> many(8, STDIN_FILENO);
-  ASSERT_EQ(LDSendPacket(sender.fileDescriptor(), "x", many, false), 0);
-  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::packet);
-  EXPECT_EQ(packet.descriptors.size(), 8u);
-  for (const LDFileHandle& received : packet.descriptors) {
-    EXPECT_NE(::fcntl(received.fileDescriptor(), F_GETFD) & FD_CLOEXEC, 0) << "received close-on-exec";
-  }
-  packet.descriptors.clear();
-  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::wouldBlock);
-  sender.reset();
-  EXPECT_EQ(LDReceivePacket(receiver.fileDescriptor(), 4096, &packet, &errorNumber), LDReceiveResult::closed);
-  std::set<int> after = ldtest::openDescriptors();
-  after.insert(pair[0]);  // closed on purpose above
-  EXPECT_EQ(ldtest::descriptorDifference(before, after), "");
 }
 
 // Whatever numbers the sources have, the targets end up naming them and survive exec.

@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 namespace ldtest {
@@ -62,6 +64,22 @@ LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening,
     throw std::runtime_error("cannot bind a loopback test socket at port " + std::to_string(port));
   }
   return fd;
+}
+
+int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::vector<int>& descriptors) {
+  iovec vector{const_cast<char*>(bytes.data()), bytes.size()};
+  std::vector<char> control(CMSG_SPACE(sizeof(int) * descriptors.size()));
+  msghdr header{};
+  header.msg_iov = &vector;
+  header.msg_iovlen = 1;
+  header.msg_control = control.data();
+  header.msg_controllen = control.size();
+  cmsghdr* message = CMSG_FIRSTHDR(&header);
+  message->cmsg_level = SOL_SOCKET;
+  message->cmsg_type = SCM_RIGHTS;
+  message->cmsg_len = CMSG_LEN(sizeof(int) * descriptors.size());
+  std::memcpy(CMSG_DATA(message), descriptors.data(), sizeof(int) * descriptors.size());
+  return ::sendmsg(socket, &header, MSG_NOSIGNAL) < 0 ? errno : 0;
 }
 
 unsigned short freeLoopbackPort() {
