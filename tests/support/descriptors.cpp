@@ -84,24 +84,16 @@ int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::v
 
 unsigned short freeLoopbackPort() {
   for (int attempt = 0; attempt < 64; ++attempt) {
-    const int probe4 = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const LDFileHandle probe4 = loopbackSocket(AF_INET, SOCK_STREAM, 0, false);
     sockaddr_in address4{};
-    address4.sin_family = AF_INET;
-    address4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address4;
-    ::bind(probe4, reinterpret_cast<sockaddr*>(&address4), sizeof address4);
-    ::getsockname(probe4, reinterpret_cast<sockaddr*>(&address4), &length);
+    ::getsockname(probe4.fileDescriptor(), reinterpret_cast<sockaddr*>(&address4), &length);
     const unsigned short port = ntohs(address4.sin_port);
-
-    const int probe6 = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in6 address6{};
-    address6.sin6_family = AF_INET6;
-    address6.sin6_addr = in6addr_loopback;
-    address6.sin6_port = htons(port);
-    const bool free6 = ::bind(probe6, reinterpret_cast<sockaddr*>(&address6), sizeof address6) == 0;
-    ::close(probe6);
-    ::close(probe4);
-    if (free6) return port;
+    try {
+      loopbackSocket(AF_INET6, SOCK_STREAM, port, false);
+      return port;
+    } catch (const std::runtime_error&) {
+    }
   }
   throw std::runtime_error("no loopback port free on both 127.0.0.1 and ::1");
 }
