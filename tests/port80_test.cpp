@@ -28,9 +28,6 @@ TEST(Port80, PairOnTheListenerPortPassesTheReceivingChecks) {
     listeners->closeOriginals();
     const LDListenerEndpoint expected4(AF_INET, "127.0.0.1", LDListenerPort);
     const LDListenerEndpoint expected6(AF_INET6, "::1", LDListenerPort);
-    if (expected4.description() != "127.0.0.1:80" || expected6.description() != "[::1]:80") {
-      return "unexpected endpoint text " + expected4.description() + " " + expected6.description();
-    }
     if (!LDLoopbackListeners::validateReceivedFileDescriptor(ipv4.fileDescriptor(), expected4, &error)) {
       return "IPv4 duplicate: " + describe(error);
     }

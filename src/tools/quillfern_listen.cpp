@@ -4,6 +4,7 @@
 //
 //   quillfern-listen [--socket PATH]
 //   quillfern-listen [--socket PATH] -- COMMAND [ARGS...]
+//   quillfern-listen --help | --version
 
 #include <fcntl.h>
 #include <poll.h>
@@ -24,7 +25,9 @@
 
 namespace {
 
-constexpr const char kUsage[] = "usage: quillfern-listen [--socket PATH] [-- COMMAND [ARGS...]]\n";
+constexpr const char kUsage[] =
+    "usage: quillfern-listen [--socket PATH] [-- COMMAND [ARGS...]]\n"
+    "       quillfern-listen --help | --version\n";
 
 int runCommand(LDAcquiredListeners listeners, char** command) {
   // Descriptors 3 and 4, inherited across exec; the originals are close-on-exec and go.
@@ -95,6 +98,14 @@ int main(int argc, char** argv) {
   char** command = nullptr;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
+    if (i == 1 && argc == 2 && word == "--help") {
+      std::fputs(kUsage, stdout);
+      return 0;
+    }
+    if (i == 1 && argc == 2 && word == "--version") {
+      std::puts("quillfern-listen " LD_VERSION);
+      return 0;
+    }
     if (word == "--socket" && i + 1 < argc) {
       options.socketPath = argv[++i];
     } else if (word == "--") {

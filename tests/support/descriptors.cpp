@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 namespace ldtest {
@@ -64,26 +66,34 @@ LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening,
   return fd;
 }
 
+int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::vector<int>& descriptors) {
+  iovec vector{const_cast<char*>(bytes.data()), bytes.size()};
+  std::vector<char> control(CMSG_SPACE(sizeof(int) * descriptors.size()));
+  msghdr header{};
+  header.msg_iov = &vector;
+  header.msg_iovlen = 1;
+  header.msg_control = control.data();
+  header.msg_controllen = control.size();
+  cmsghdr* message = CMSG_FIRSTHDR(&header);
+  message->cmsg_level = SOL_SOCKET;
+  message->cmsg_type = SCM_RIGHTS;
+  message->cmsg_len = CMSG_LEN(sizeof(int) * descriptors.size());
+  std::memcpy(CMSG_DATA(message), descriptors.data(), sizeof(int) * descriptors.size());
+  return ::sendmsg(socket, &header, MSG_NOSIGNAL) < 0 ? errno : 0;
+}
+
 unsigned short freeLoopbackPort() {
   for (int attempt = 0; attempt < 64; ++attempt) {
-    const int probe4 = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const LDFileHandle probe4 = loopbackSocket(AF_INET, SOCK_STREAM, 0, false);
     sockaddr_in address4{};
-    address4.sin_family = AF_INET;
-    address4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address4;
-    ::bind(probe4, reinterpret_cast<sockaddr*>(&address4), sizeof address4);
-    ::getsockname(probe4, reinterpret_cast<sockaddr*>(&address4), &length);
+    ::getsockname(probe4.fileDescriptor(), reinterpret_cast<sockaddr*>(&address4), &length);
     const unsigned short port = ntohs(address4.sin_port);
-
-    const int probe6 = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in6 address6{};
-    address6.sin6_family = AF_INET6;
-    address6.sin6_addr = in6addr_loopback;
-    address6.sin6_port = htons(port);
-    const bool free6 = ::bind(probe6, reinterpret_cast<sockaddr*>(&address6), sizeof address6) == 0;
-    ::close(probe6);
-    ::close(probe4);
-    if (free6) return port;
+    try {
+      loopbackSocket(AF_INET6, SOCK_STREAM, port, false);
+      return port;
+    } catch (const std::runtime_error&) {
+    }
   }
   throw std::runtime_error("no loopback port free on both 127.0.0.1 and ::1");
 }

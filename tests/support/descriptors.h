@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "shared/file_handle.h"
 
@@ -19,6 +20,10 @@ std::string descriptorDifference(const std::set<int>& before, const std::set<int
 // asked, without close-on-exec (as a received descriptor may be). IPv6 sockets get IPV6_V6ONLY
 // as given before binding.
 LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening, bool v6only = true);
+
+// One packet with any number of descriptors (SCM_RIGHTS), even more than a receiver makes room
+// for. Returns 0 or the errno.
+int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::vector<int>& descriptors);
 
 // A TCP port on which both 127.0.0.1 and ::1 are free right now, asked of the kernel.
 unsigned short freeLoopbackPort();

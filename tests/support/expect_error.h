@@ -25,10 +25,6 @@ inline void expectError(const std::optional<LDError>& error, const ExpectedError
   EXPECT_EQ(error->errorNumber(), expected.errorNumber);
 }
 
-}  // namespace ldtest
-
-namespace ldtest {
-
 // Names each instance of a table-driven test after its case's `name` field.
 struct CaseName {
   template <class Case>

@@ -2,14 +2,15 @@
 
 // A system-call seam for tests: every call reaches the kernel unless the test scripted it. A
 // scripted call returns the chosen value and errno (for getsockopt, also the chosen option value)
-// without running, so a failing socket() really creates nothing.
+// without running, so a failing socket() really creates nothing. Used from one thread at a time.
 
 #include <fcntl.h>
 #include <netinet/in.h>
 
+#include <algorithm>
+#include <cstring>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,39 +22,51 @@ namespace ldtest {
 class ScriptedSystemCalls : public LDSystemCalls {
  public:
   // Call names: "socket", "bind", "listen", "connect", "accept", "getsockname", "poll", "dup",
-  // "inet_pton", "inet_ntop", "getrandom", "fcntl(F_GETFD)", "fcntl(F_SETFD)",
-  // "setsockopt(SO_REUSEADDR)", "setsockopt(IPV6_V6ONLY)", "getsockopt(SO_TYPE)",
-  // "getsockopt(SO_ACCEPTCONN)", "getsockopt(IPV6_V6ONLY)". occurrence counts from 1; 0 means every
-  // call of that name.
-  void script(const std::string& call, int occurrence, long value, int errorNumber,
-              std::optional<int> optionValue = std::nullopt);
+  // "inet_pton", "inet_ntop", "getrandom", "fcntl(F_GETFD)", "fcntl(F_SETFD)", and
+  // "setsockopt(N)" / "getsockopt(N)" with N one of SO_REUSEADDR, SO_TYPE, SO_ACCEPTCONN,
+  // IPV6_V6ONLY. occurrence counts from 1; 0 means every call of that name.
+  void script(const std::string& call, int occurrence, long value, int errorNumber, std::optional<int> optionValue = {}) {
+    _scripts[{call, occurrence}] = Scripted{value, errorNumber, optionValue};
+  }
+  // Runs hook just before the nth call named `call`, scripted or not.
+  void onCall(const std::string& call, int occurrence, std::function<void()> hook) { _hooks[{call, occurrence}] = std::move(hook); }
+  // What getrandom hands out instead of random bytes.
+  std::optional<std::vector<unsigned char>> randomBytes;
+  int callCount(const std::string& call) { return _counts[call]; }
 
-  // Runs hook just before the nth call named `call` (scripted or not), outside any lock: a test
-  // uses it to act while the code under test is in the middle of its work.
-  void onCall(const std::string& call, int occurrence, std::function<void()> hook);
+#define LD_SCRIPTED(call, name, parameters, arguments)                \
+  LDSystemCallResult call parameters override {                       \
+    if (auto r = next(name)) return {r->value, r->errorNumber};       \
+    return LDSystemCalls::call arguments;                             \
+  }
+  LD_SCRIPTED(socket, "socket", (int f, int t, int p), (f, t, p))
+  LD_SCRIPTED(setsockopt, "setsockopt(" + option(l, n) + ")", (int fd, int l, int n, const void* v, socklen_t s), (fd, l, n, v, s))
+  LD_SCRIPTED(bind, "bind", (int fd, const sockaddr* a, socklen_t l), (fd, a, l))
+  LD_SCRIPTED(listen, "listen", (int fd, int b), (fd, b))
+  LD_SCRIPTED(connect, "connect", (int fd, const sockaddr* a, socklen_t l), (fd, a, l))
+  LD_SCRIPTED(accept, "accept", (int fd, sockaddr* a, socklen_t* l), (fd, a, l))
+  LD_SCRIPTED(getsockname, "getsockname", (int fd, sockaddr* a, socklen_t* l), (fd, a, l))
+  LD_SCRIPTED(poll, "poll", (pollfd* f, nfds_t c, int t), (f, c, t))
+  LD_SCRIPTED(dup, "dup", (int fd), (fd))
+  LD_SCRIPTED(fcntl, c == F_GETFD ? "fcntl(F_GETFD)" : "fcntl(F_SETFD)", (int fd, int c, int a), (fd, c, a))
+  LD_SCRIPTED(inet_pton, "inet_pton", (int f, const char* t, void* a), (f, t, a))
+  LD_SCRIPTED(inet_ntop, "inet_ntop", (int f, const void* a, char* t, socklen_t s), (f, a, t, s))
+#undef LD_SCRIPTED
 
-  // The bytes that getrandom hands out instead of random ones.
-  void scriptRandomBytes(std::vector<unsigned char> bytes);
-
-  int callCount(const std::string& call) const;
-
-  LDSystemCallResult socket(int family, int type, int protocol) override;
-  LDSystemCallResult setsockopt(int fd, int level, int name, const void* value,
-                                socklen_t length) override;
-  LDSystemCallResult getsockopt(int fd, int level, int name, void* value,
-                                socklen_t* length) override;
-  LDSystemCallResult bind(int fd, const sockaddr* address, socklen_t length) override;
-  LDSystemCallResult listen(int fd, int backlog) override;
-  LDSystemCallResult connect(int fd, const sockaddr* address, socklen_t length) override;
-  LDSystemCallResult accept(int fd, sockaddr* address, socklen_t* length) override;
-  LDSystemCallResult getsockname(int fd, sockaddr* address, socklen_t* length) override;
-  LDSystemCallResult poll(pollfd* fds, nfds_t count, int timeoutMilliseconds) override;
-  LDSystemCallResult dup(int fd) override;
-  LDSystemCallResult fcntl(int fd, int command, int argument) override;
-  LDSystemCallResult inet_pton(int family, const char* text, void* address) override;
-  LDSystemCallResult inet_ntop(int family, const void* address, char* text,
-                               socklen_t size) override;
-  LDSystemCallResult getrandom(void* buffer, size_t length, unsigned flags) override;
+  LDSystemCallResult getsockopt(int fd, int level, int name, void* value, socklen_t* length) override {
+    if (auto s = next("getsockopt(" + option(level, name) + ")")) {
+      if (s->optionValue) std::memcpy(value, &*s->optionValue, sizeof(int));
+      return {s->value, s->errorNumber};
+    }
+    return LDSystemCalls::getsockopt(fd, level, name, value, length);
+  }
+  LDSystemCallResult getrandom(void* buffer, size_t length, unsigned flags) override {
+    if (auto s = next("getrandom")) return {s->value, s->errorNumber};
+    if (!randomBytes) return LDSystemCalls::getrandom(buffer, length, flags);
+    const size_t copied = std::min(length, randomBytes->size());
+    std::memcpy(buffer, randomBytes->data(), copied);
+    return {static_cast<long>(copied), 0};
+  }
 
  private:
   struct Scripted {
@@ -62,14 +75,23 @@ class ScriptedSystemCalls : public LDSystemCalls {
     std::optional<int> optionValue;
   };
 
-  // Counts the call and returns its script, if any.
-  std::optional<Scripted> next(const std::string& call);
+  static std::string option(int level, int name) {
+    if (level == IPPROTO_IPV6) return name == IPV6_V6ONLY ? "IPV6_V6ONLY" : std::to_string(name);
+    return name == SO_REUSEADDR ? "SO_REUSEADDR" : name == SO_TYPE ? "SO_TYPE" : name == SO_ACCEPTCONN ? "SO_ACCEPTCONN" : std::to_string(name);
+  }
+  // Counts the call, runs its hook and returns its script, if any.
+  std::optional<Scripted> next(const std::string& call) {
+    const int occurrence = ++_counts[call];
+    if (const auto hook = _hooks.find({call, occurrence}); hook != _hooks.end()) std::exchange(hook->second, nullptr)();
+    for (const int key : {occurrence, 0}) {
+      if (const auto found = _scripts.find({call, key}); found != _scripts.end()) return found->second;
+    }
+    return std::nullopt;
+  }
 
-  mutable std::mutex _mutex;
   std::map<std::pair<std::string, int>, Scripted> _scripts;
   std::map<std::string, int> _counts;
   std::map<std::pair<std::string, int>, std::function<void()>> _hooks;
-  std::optional<std::vector<unsigned char>> _randomBytes;
 };
 
 }  // namespace ldtest
