@@ -176,7 +176,9 @@ LDSignatureContents parseSignedData(LDBytes blob, LDBytes& content, Signer& sign
       return contents;
     }
   }
-  return refuse(std::move(contents), errSecCSSignatureInvalid, "the signer's certificate is not in the signature");
+  // Names are compared byte for byte; OpenSSL would also match after case folding.
+  return refuse(std::move(contents), errSecCSSignatureInvalid, "the signer's certificate is not in the signature",
+                true);
 }
 
 LDSignatureContents withTeam(LDSignatureContents&& contents) {
