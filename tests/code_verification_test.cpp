@@ -49,6 +49,7 @@ class Pki {
     unknownCritical = pki.makeLeaf(root, "Critical Leaf", {.extraExtension = "1.3.6.1.4.1.99999.1=critical,ASN1:NULL"});
     unknownOptional = pki.makeLeaf(root, "Optional Leaf", {.extraExtension = "1.3.6.1.4.1.99999.1=ASN1:NULL"});
     noSigningUsage = pki.makeLeaf(root, "Encipherment Leaf", {.keyUsage = "critical,keyEncipherment"});
+    ofLeaf = pki.makeLeaf(leaf, "Leaf Of A Leaf");
     chainPath = pki.writeBundle("chain.pem", TestPki::pemOf(intermediate));
     anchorsPem = TestPki::pemOf(root) + TestPki::pemOf(rsaRoot);
     anchors = LDTrustAnchors::fromPEM(anchorsPem);
@@ -57,7 +58,7 @@ class Pki {
   ldtest::TemporaryDirectory directory;
   TestPki pki;
   TestIdentity root, rsaRoot, intermediate, otherRoot, leaf, viaIntermediate, noUsage, serverOnly, otherCa,
-      expired, rsaLeaf, p384Leaf, shortRsa, unknownCritical, unknownOptional, noSigningUsage;
+      expired, rsaLeaf, p384Leaf, shortRsa, unknownCritical, unknownOptional, noSigningUsage, ofLeaf;
   std::string chainPath, anchorsPem;
   LDTrustAnchors anchors = LDTrustAnchors::fromPEM("");
 };
@@ -261,6 +262,7 @@ TEST(Differential, VerifierAgreesWithOpenSSL) {
       {"ExpiredStillValid", [] { return blobBy(pki().expired); }, 0},
       {"UnknownOptionalExtension", [] { return blobBy(pki().unknownOptional); }, 0},
       {"IntermediateAbsent", [] { return blobBy(pki().viaIntermediate); }, errSecCSSignatureUntrusted},
+      {"IssuedByALeaf", [] { return blobBy(pki().ofLeaf, pki().leaf.certificatePath); }, errSecCSSignatureUntrusted},
       {"UntrustedCA", [] { return blobBy(pki().otherCa); }, errSecCSSignatureUntrusted},
       {"NoExtendedUsage", [] { return blobBy(pki().noUsage); }, errSecCSSignatureUntrusted},
       {"ServerUsageOnly", [] { return blobBy(pki().serverOnly); }, errSecCSSignatureUntrusted},
