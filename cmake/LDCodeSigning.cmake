@@ -51,5 +51,9 @@ function(ld_sign_target target identifier)
     COMMAND "$<TARGET_FILE:ld-codesign>" sign --identifier "${identifier}"
             --key "${LD_KEY_FILE}" --cert "${LD_CERT_FILE}" ${chain_arguments}
             "$<TARGET_FILE:${target}>"
+    # The compiled-in anchors must fit the signing profile and the identity must chain to them,
+    # or every program of this build would refuse every other.
+    COMMAND "$<TARGET_FILE:ld-codesign>" verify --requirement "anchor apple generic"
+            "$<TARGET_FILE:${target}>"
     VERBATIM)
 endfunction()

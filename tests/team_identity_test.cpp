@@ -55,26 +55,37 @@ TEST_F(TeamIdentity, UnsignedProgramHasNoTeam) {
   EXPECT_EQ(result.standardOutput, kNoTeam);
 }
 
-TEST_F(TeamIdentity, ProgramSignedByAnUntrustedCaCannotReadItsSigningInformation) {
+// Signing information is read, not validated: a stranger's signature still names its team (the
+// helper's file is root's to replace anyway), but a malformed one names nothing.
+TEST_F(TeamIdentity, SigningInformationIsReadNotValidated) {
   ldtest::TestPki pki(directory.path());
   const auto root = pki.makeRoot("Stranger Root");
-  const auto leaf = pki.makeLeaf(root, "Stranger Leaf");
+  const auto leaf = pki.makeLeaf(root, "Stranger Leaf", {.team = "STRANGER01"});
   std::string error;
   const auto identity = LDLoadSigningIdentity(leaf.keyPath, leaf.certificatePath, "", &error);
   ASSERT_TRUE(identity) << error;
   ASSERT_TRUE(LDSignFile(probe, "com.example.probe", *identity, &error)) << error;
-  const auto result = runProgram({probe});
+  auto result = runProgram({probe, "x"});
+  EXPECT_EQ(result.standardOutput,
+            "identifier \"x\" and anchor apple generic and certificate leaf[subject.OU] = \"STRANGER01\"\n");
+
+  std::string image = readFile(probe);
+  const LDSignatureLocation location =
+      LDLocateSignature(image.size(), std::string_view(image).substr(image.size() - LDSignatureTrailerSize));
+  image[location.codeSize] = 0x31;  // a SET where the CMS SEQUENCE begins
+  writeFile(probe, image, 0755);
+  result = runProgram({probe});
   EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_EQ(result.standardOutput, "SecCodeCopySigningInformation failed with OSStatus -66996\n");
+  EXPECT_EQ(result.standardOutput, "SecCodeCopySigningInformation failed with OSStatus -67045\n");
 }
 
 TEST(TeamIdentityOfExecutable, OpenFailureAndMissingErrorPlace) {
   std::optional<LDError> error;
-  EXPECT_FALSE(LDTeamIdentifierOfExecutable("/nonexistent/exe", LDTrustAnchors::compiledIn(), &error));
+  EXPECT_FALSE(LDTeamIdentifierOfExecutable("/nonexistent/exe", &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->description(), "SecCodeCopySelf failed with OSStatus -67068");
   EXPECT_EQ(error->code(), LDListenerErrorValidation);
-  EXPECT_FALSE(LDTeamIdentifierOfExecutable("/nonexistent/exe", LDTrustAnchors::compiledIn()));
+  EXPECT_FALSE(LDTeamIdentifierOfExecutable("/nonexistent/exe"));
   // The test program itself is not signed.
   EXPECT_FALSE(LDCurrentTeamIdentifier());
   std::optional<LDError> unsignedError;

@@ -2,7 +2,6 @@
 // signed as the application by its own team, hands over the loopback listener pair once, and
 // ends.
 
-#include <openssl/crypto.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -54,9 +53,6 @@ int fail(const std::string& text) {
 }  // namespace
 
 int main() {
-  // libcrypto would otherwise read openssl.cnf (the helper reads no configuration) and register
-  // a clean-up at exit, which could run while another thread still uses it.
-  OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr);
   if (::geteuid() != 0) {
     std::fputs(kMustRunAsRoot, stderr);
     return 1;

@@ -1,8 +1,6 @@
 #include "shared/code_signature.h"
 
-#include <openssl/objects.h>
-#include <openssl/x509v3.h>
-
+#include <nettle/sha2.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -51,34 +49,13 @@ bool takeField(std::string_view& text, std::string_view name, std::string_view& 
   return true;
 }
 
-LDSignatureContents failed(LDSignatureContents&& contents, int32_t status, std::string detail) {
-  contents.status = status;
-  contents.detail = std::move(detail);
-  return std::move(contents);
-}
-
 }  // namespace
-
-std::optional<std::string> LDSingleOrganizationalUnit(X509* certificate) {
-  X509_NAME* subject = X509_get_subject_name(certificate);
-  const int first = X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, -1);
-  if (first < 0 || X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, first) >= 0) {
-    return std::nullopt;
-  }
-  unsigned char* utf8 = nullptr;
-  const int length =
-      ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, first)));
-  if (length < 0) return std::nullopt;
-  std::string text(reinterpret_cast<const char*>(utf8), static_cast<size_t>(length));
-  OPENSSL_free(utf8);
-  return text;
-}
 
 namespace {
 
 // Large enough to keep the digest near the speed of memory, small enough for a helper that is
 // meant to stay within a few MiB.
-constexpr size_t kHashBufferSize = 256 * 1024;
+constexpr size_t kHashBufferSize = 128 * 1024;
 
 }  // namespace
 
@@ -96,19 +73,19 @@ bool LDReadFully(int fd, uint64_t offset, char* buffer, size_t length) {
 }
 
 bool LDDigestOfDescriptor(int fd, uint64_t size, std::array<uint8_t, 32>& digest) {
-  ldssl::DigestContext context(EVP_MD_CTX_new());
-  if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) return false;
+  sha256_ctx context;
+  sha256_init(&context);
   (void)::posix_fadvise(fd, 0, static_cast<off_t>(size), POSIX_FADV_SEQUENTIAL);
-  const std::unique_ptr<char[]> buffer(new char[kHashBufferSize]);
+  const std::unique_ptr<uint8_t[]> buffer(new uint8_t[kHashBufferSize]);
   uint64_t offset = 0;
   while (offset < size) {
     const size_t chunk = static_cast<size_t>(std::min<uint64_t>(kHashBufferSize, size - offset));
-    if (!LDReadFully(fd, offset, buffer.get(), chunk)) return false;
-    if (EVP_DigestUpdate(context.get(), buffer.get(), chunk) != 1) return false;
+    if (!LDReadFully(fd, offset, reinterpret_cast<char*>(buffer.get()), chunk)) return false;
+    sha256_update(&context, chunk, buffer.get());
     offset += chunk;
   }
-  unsigned int length = 0;
-  return EVP_DigestFinal_ex(context.get(), digest.data(), &length) == 1 && length == digest.size();
+  sha256_digest(&context, digest.size(), digest.data());
+  return true;
 }
 
 std::string LDHex(const uint8_t* bytes, size_t length) {
@@ -190,94 +167,4 @@ LDSignatureLocation LDLocateSignature(uint64_t fileSize, std::string_view tail) 
     return {errSecCSSignatureInvalid};
   }
   return {LDCodeSigningStatusOK, fileSize - LDSignatureTrailerSize - blobSize, blobSize};
-}
-
-LDSignatureContents LDReadSignatureBlob(std::string_view blob) {
-  LDSignatureContents contents;
-  const auto* cursor = reinterpret_cast<const unsigned char*>(blob.data());
-  ldssl::Cms cms(d2i_CMS_ContentInfo(nullptr, &cursor, static_cast<long>(blob.size())));
-  if (!cms || cursor != reinterpret_cast<const unsigned char*>(blob.data() + blob.size())) {
-    return failed(std::move(contents), errSecCSSignatureInvalid,
-                  "the signature is not a single DER-encoded CMS object");
-  }
-  if (OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed) {
-    return failed(std::move(contents), errSecCSSignatureInvalid, "the signature is not CMS SignedData");
-  }
-  if (CMS_is_detached(cms.get()) == 1) {
-    return failed(std::move(contents), errSecCSSignatureInvalid, "the signature carries no manifest");
-  }
-  STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms.get());
-  if (signers == nullptr || sk_CMS_SignerInfo_num(signers) != 1) {
-    return failed(std::move(contents), errSecCSSignatureInvalid,
-                  "the signature must have exactly one signer");
-  }
-  contents.certificates.reset(CMS_get1_certs(cms.get()));
-  if (!contents.certificates) {
-    return failed(std::move(contents), errSecCSSignatureInvalid,
-                  "the signature carries no certificates");
-  }
-  CMS_set1_signers_certs(cms.get(), nullptr, 0);
-  X509* signer = nullptr;
-  CMS_SignerInfo_get0_algs(sk_CMS_SignerInfo_value(signers, 0), nullptr, &signer, nullptr, nullptr);
-  if (signer == nullptr) {
-    return failed(std::move(contents), errSecCSSignatureInvalid,
-                  "the signer's certificate is not in the signature");
-  }
-  X509_up_ref(signer);
-  contents.leaf.reset(signer);
-
-  // The signature over the manifest only; the chain is judged against the anchors separately.
-  ldssl::Bio manifestText(BIO_new(BIO_s_mem()));
-  if (!manifestText ||
-      CMS_verify(cms.get(), nullptr, nullptr, nullptr, manifestText.get(),
-                 CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY) != 1) {
-    return failed(std::move(contents), errSecCSSignatureFailed,
-                  "the signature does not verify with the signer's certificate");
-  }
-  char* text = nullptr;
-  const long length = BIO_get_mem_data(manifestText.get(), &text);
-  const std::optional<LDSignatureManifest> manifest =
-      LDParseManifest(std::string_view(text, static_cast<size_t>(length)));
-  if (!manifest) {
-    return failed(std::move(contents), errSecCSSignatureInvalid, "the signed manifest is malformed");
-  }
-  contents.manifest = *manifest;
-  const std::optional<std::string> team = LDSingleOrganizationalUnit(signer);
-  if (!team) {
-    return failed(std::move(contents), errSecCSSignatureInvalid,
-                  "the signer's certificate must name exactly one organisational unit (the team)");
-  }
-  contents.leafTeam = *team;
-  if (contents.leafTeam != contents.manifest.team) {
-    return failed(std::move(contents), errSecCSSignatureInvalid,
-                  "the manifest's team \"" + contents.manifest.team +
-                      "\" is not the signer's organisational unit \"" + contents.leafTeam + "\"");
-  }
-  return contents;
-}
-
-int32_t LDVerifyChain(const LDSignatureContents& contents, X509_STORE* anchors, std::string* detail) {
-  ldssl::StoreContext context(X509_STORE_CTX_new());
-  if (!context || X509_STORE_CTX_init(context.get(), anchors, contents.leaf.get(),
-                                      contents.certificates.get()) != 1) {
-    if (detail) *detail = "the certificate chain could not be evaluated";
-    return errSecCSSignatureUntrusted;
-  }
-  // An expired certificate does not make signed code untrusted: the code was signed while it
-  // was valid, and there is no time-stamp authority to say when.
-  X509_VERIFY_PARAM_set_flags(X509_STORE_CTX_get0_param(context.get()), X509_V_FLAG_NO_CHECK_TIME);
-  if (X509_verify_cert(context.get()) != 1) {
-    if (detail) {
-      *detail = std::string("the signer's certificate chain is not trusted: ") +
-                X509_verify_cert_error_string(X509_STORE_CTX_get_error(context.get()));
-    }
-    return errSecCSSignatureUntrusted;
-  }
-  X509* leaf = contents.leaf.get();
-  if ((X509_get_extension_flags(leaf) & EXFLAG_XKUSAGE) == 0 ||
-      (X509_get_extended_key_usage(leaf) & XKU_CODE_SIGN) == 0) {
-    if (detail) *detail = "the signer's certificate is not for code signing";
-    return errSecCSSignatureUntrusted;
-  }
-  return LDCodeSigningStatusOK;
 }

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "shared/openssl_handles.h"
+#include "shared/certificate.h"
 
 // Statuses with the meanings (and numbers) of the platform the system was first built for.
 enum LDCodeSigningStatus : int32_t {
@@ -65,27 +65,40 @@ LDSignatureLocation LDLocateSignatureOfDescriptor(int fd, uint64_t fileSize);
 // The 12-byte info and the magic for a blob of blobSize bytes.
 std::string LDFormatSignatureTrailer(uint32_t blobSize);
 
-// What the CMS blob says once its structure and its signature are checked.
+// What the CMS blob says. Certificates point into the blob, which must outlive this.
 struct LDSignatureContents {
   int32_t status = LDCodeSigningStatusOK;
   std::string detail;  // why, when status is not 0
+  // The refusal concerns something outside the signing profile (docs/code-signing.md) that a
+  // general CMS verifier might accept.
+  bool outsideProfile = false;
   LDSignatureManifest manifest;
   std::string leafTeam;  // the leaf certificate's single subject OU
-  ldssl::Certificate leaf;
-  ldssl::CertificateStack certificates;  // everything the blob carries, leaf included
+  std::vector<LDCertificate> certificates;  // everything the blob carries, leaf included
+  size_t leafIndex = 0;
+  const LDCertificate& leaf() const { return certificates[leafIndex]; }
 };
 
+// Reads the signing information without validating anything: a well-formed SignedData of the
+// profile, its signer's certificate, and that certificate's single OU as leafTeam. The
+// signature is not checked and the manifest is not read. Status 0 or errSecCSSignatureInvalid.
+LDSignatureContents LDReadSigningInformation(LDBytes blob);
+
 // Parses the blob and checks it: SignedData with attached content, exactly one signer whose
-// certificate is in the blob, a valid signature over the manifest, a well-formed manifest whose
-// team is the leaf's single OU. The chain is not evaluated here (see LDVerifyChain).
-LDSignatureContents LDReadSignatureBlob(std::string_view blob);
+// certificate is in the blob, a valid signature over the signed attributes and a manifest that
+// matches their digest, a well-formed manifest whose team is the leaf's single OU. The chain is
+// not evaluated here (see LDVerifyChain).
+LDSignatureContents LDReadSignatureBlob(LDBytes blob);
 
-// The leaf chains to one of the anchors (expiry ignored) and carries the codeSigning usage.
-// Returns 0 or errSecCSSignatureUntrusted with a detail.
-int32_t LDVerifyChain(const LDSignatureContents& contents, X509_STORE* anchors, std::string* detail);
+// The leaf chains to one of the anchors by names and signatures, every issuer a CA allowed to
+// sign certificates, no unknown critical extension anywhere, and the leaf is for code signing
+// (expiry ignored). Returns 0 or errSecCSSignatureUntrusted with a detail.
+int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDCertificate>& anchors,
+                      std::string* detail);
 
-// The text of the certificate subject's only OU; nothing when it has none or several.
-std::optional<std::string> LDSingleOrganizationalUnit(X509* certificate);
+inline LDBytes LDBytesOf(std::string_view text) {
+  return LDBytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+}
 
 std::string LDHex(const uint8_t* bytes, size_t length);
 

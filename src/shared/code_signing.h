@@ -18,8 +18,8 @@
 
 // ---- Team identity and client requirement ----
 
-// The team of the running program's own verified signature (/proc/self/exe against the
-// compiled-in anchors).
+// The team of the running program's own signature (/proc/self/exe): the single OU of the leaf
+// certificate of a well-formed signature, read without hashing the code or judging the chain.
 std::optional<std::string> LDCurrentTeamIdentifier(LDErrorPlace error = nullptr);
 
 // `identifier "<identifier>" and anchor apple generic and certificate leaf[subject.OU] = "<team>"`
@@ -27,9 +27,8 @@ std::optional<std::string> LDCurrentTeamIdentifier(LDErrorPlace error = nullptr)
 std::optional<std::string> LDCodeSigningRequirementForIdentifier(std::string_view identifier,
                                                                  LDErrorPlace error = nullptr);
 
-// The same as LDCurrentTeamIdentifier for any executable and set of anchors.
+// The same as LDCurrentTeamIdentifier for any executable.
 std::optional<std::string> LDTeamIdentifierOfExecutable(const std::string& path,
-                                                        const LDTrustAnchors& anchors,
                                                         LDErrorPlace error = nullptr);
 
 // ---- Verification of code on disk ----

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,15 +12,6 @@ namespace {
 int32_t fail(std::string* detail, int32_t status, std::string text) {
   if (detail) *detail = std::move(text);
   return status;
-}
-
-std::string subjectOf(X509* certificate) {
-  ldssl::Bio text(BIO_new(BIO_s_mem()));
-  if (!text) return "";
-  X509_NAME_print_ex(text.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253);
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(text.get(), &data);
-  return std::string(data, static_cast<size_t>(length));
 }
 
 const char kNoTeamIdentifier[] =
@@ -52,11 +42,11 @@ int32_t LDCheckSignatureOfDescriptor(int fd, const LDRequirement* requirement,
   if (!LDReadFully(fd, location.codeSize, blob.data(), blob.size())) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the signature could not be read");
   }
-  const LDSignatureContents contents = LDReadSignatureBlob(blob);
+  const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
   if (contents.status != LDCodeSigningStatusOK) {
     return fail(detail, contents.status, contents.detail);
   }
-  if (const int32_t trust = LDVerifyChain(contents, anchors.store(), detail); trust != 0) {
+  if (const int32_t trust = LDVerifyChain(contents, anchors.certificates(), detail); trust != 0) {
     return trust;
   }
   // Only a signature from a trusted signer is worth hashing the code for.
@@ -80,7 +70,7 @@ int32_t LDCheckSignatureOfDescriptor(int fd, const LDRequirement* requirement,
   }
   if (information) {
     *information = LDSigningInformation{contents.manifest.identifier, contents.leafTeam,
-                                        subjectOf(contents.leaf.get()),
+                                        LDNameText(contents.leaf().subject),
                                         LDHex(digest.data(), digest.size())};
   }
   return LDCodeSigningStatusOK;
@@ -156,9 +146,7 @@ LDCodeVerificationResult LDVerifyCodeAtURL(const std::string& path, std::string_
   return rejected ? LDCodeVerificationRejected : LDCodeVerificationUnverifiable;
 }
 
-std::optional<std::string> LDTeamIdentifierOfExecutable(const std::string& path,
-                                                        const LDTrustAnchors& anchors,
-                                                        LDErrorPlace error) {
+std::optional<std::string> LDTeamIdentifierOfExecutable(const std::string& path, LDErrorPlace error) {
   std::unique_ptr<LDStaticCode> code;
   const int32_t opened = LDStaticCodeCreateWithPath(path, &code);
   if (opened != 0) {
@@ -167,25 +155,39 @@ std::optional<std::string> LDTeamIdentifierOfExecutable(const std::string& path,
     }
     return std::nullopt;
   }
-  LDSigningInformation information;
-  const int32_t checked = LDCheckSignatureOfDescriptor(code->file.fileDescriptor(), nullptr,
-                                                       anchors, nullptr, &information);
-  if (checked != 0 && checked != errSecCSUnsigned) {
+  // Signing information, not validation: the code is not hashed and the chain not judged. The
+  // file was installed by root, who could replace it with anything anyway.
+  const int fd = code->file.fileDescriptor();
+  struct stat status {};
+  int32_t read = errSecCSSignatureNotVerifiable;
+  std::string team;
+  if (::fstat(fd, &status) == 0) {
+    const LDSignatureLocation location = LDLocateSignatureOfDescriptor(fd, static_cast<uint64_t>(status.st_size));
+    read = location.status;
+    std::string blob(location.blobSize, '\0');
+    if (read == LDCodeSigningStatusOK && !LDReadFully(fd, location.codeSize, blob.data(), blob.size())) {
+      read = errSecCSSignatureNotVerifiable;
+    } else if (read == LDCodeSigningStatusOK) {
+      const LDSignatureContents contents = LDReadSigningInformation(LDBytesOf(blob));
+      read = contents.status;
+      team = contents.leafTeam;
+    }
+  }
+  if (read != LDCodeSigningStatusOK && read != errSecCSUnsigned) {
     if (error) {
-      *error = LDSigningError("SecCodeCopySigningInformation failed with OSStatus " +
-                              std::to_string(checked));
+      *error = LDSigningError("SecCodeCopySigningInformation failed with OSStatus " + std::to_string(read));
     }
     return std::nullopt;
   }
-  if (checked == errSecCSUnsigned || information.team.empty()) {
+  if (read == errSecCSUnsigned || team.empty()) {
     if (error) *error = LDSigningError(kNoTeamIdentifier);
     return std::nullopt;
   }
-  return information.team;
+  return team;
 }
 
 std::optional<std::string> LDCurrentTeamIdentifier(LDErrorPlace error) {
-  return LDTeamIdentifierOfExecutable("/proc/self/exe", LDTrustAnchors::compiledIn(), error);
+  return LDTeamIdentifierOfExecutable("/proc/self/exe", error);
 }
 
 std::optional<std::string> LDCodeSigningRequirementForIdentifier(std::string_view identifier,

@@ -57,6 +57,21 @@ bool copyPrefix(int from, int to, uint64_t size) {
 
 }  // namespace
 
+std::optional<std::string> LDSingleOrganizationalUnitOf(X509* certificate) {
+  X509_NAME* subject = X509_get_subject_name(certificate);
+  const int first = X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, -1);
+  if (first < 0 || X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, first) >= 0) {
+    return std::nullopt;
+  }
+  unsigned char* utf8 = nullptr;
+  const int length =
+      ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, first)));
+  if (length < 0) return std::nullopt;
+  std::string text(reinterpret_cast<const char*>(utf8), static_cast<size_t>(length));
+  OPENSSL_free(utf8);
+  return text;
+}
+
 bool LDIsValidSigningIdentifier(const std::string& identifier) {
   if (identifier.empty() || identifier.size() > 255) return false;
   for (const char c : identifier) {
@@ -90,7 +105,7 @@ std::optional<LDSigningIdentity> LDLoadSigningIdentity(const std::string& keyPat
     *error = keyPath + " is not the key of the certificate in " + certificatePath;
     return std::nullopt;
   }
-  const std::optional<std::string> team = LDSingleOrganizationalUnit(identity.leaf.get());
+  const std::optional<std::string> team = LDSingleOrganizationalUnitOf(identity.leaf.get());
   if (!team || team->empty()) {
     *error = certificatePath +
              " must name exactly one organisational unit (OU) in its subject: the team identifier";

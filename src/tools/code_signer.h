@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "shared/openssl_handles.h"
+#include "tools/openssl_handles.h"
 
 struct LDSigningIdentity {
   ldssl::Key key;
@@ -20,6 +20,10 @@ std::optional<LDSigningIdentity> LDLoadSigningIdentity(const std::string& keyPat
                                                        const std::string& certificatePath,
                                                        const std::string& chainPath,
                                                        std::string* error);
+
+// The text of the certificate subject's only OU, read with libcrypto; nothing when it has none
+// or several.
+std::optional<std::string> LDSingleOrganizationalUnitOf(X509* certificate);
 
 // Reverse-DNS: letters, digits, '.', '-' and '_', at most 255 characters.
 bool LDIsValidSigningIdentifier(const std::string& identifier);

@@ -137,19 +137,17 @@ int display(const Arguments& arguments) {
   if (!LDReadFully(file.fileDescriptor(), location.codeSize, blob.data(), blob.size())) {
     return failure("cannot read " + path);
   }
-  const LDSignatureContents contents = LDReadSignatureBlob(blob);
+  const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
   if (contents.status != 0) {
     return failure(path + ": " + contents.detail + " (OSStatus " + std::to_string(contents.status) + ")");
   }
-  char* subject = X509_NAME_oneline(X509_get_subject_name(contents.leaf.get()), nullptr, 0);
   std::cout << "identifier " << contents.manifest.identifier << "\n"
             << "team       " << contents.manifest.team << "\n"
-            << "signer     " << (subject ? subject : "") << "\n"
+            << "signer     " << LDNameText(contents.leaf().subject) << "\n"
             << "size       " << contents.manifest.size << "\n"
             << "sha256     " << LDHex(contents.manifest.sha256.data(), contents.manifest.sha256.size())
             << "\n"
             << "(shown as signed; 'ld-codesign verify' checks trust and the code)\n";
-  OPENSSL_free(subject);
   return 0;
 }
 

@@ -19,10 +19,11 @@ void check(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(std::string("test PKI: ") + what);
 }
 
-void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
+void addExtension(X509* certificate, X509* issuer, int nid, const char* value, const char* name = nullptr) {
   X509V3_CTX context;
   X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
-  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+  X509_EXTENSION* extension = name ? X509V3_EXT_nconf(nullptr, &context, name, value)
+                                   : X509V3_EXT_conf_nid(nullptr, &context, nid, value);
   check(extension != nullptr, "extension");
   X509_add_ext(certificate, extension, -1);
   X509_EXTENSION_free(extension);
@@ -53,7 +54,9 @@ std::string TestPki::pemOf(const TestIdentity& identity) {
 TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, bool authority,
                            const LeafOptions& options) {
   TestIdentity identity;
-  identity.key.reset(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
+  identity.key.reset(options.key.rfind("RSA-", 0) == 0
+                         ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", std::stoul(options.key.substr(4)))
+                         : EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", options.key.c_str()));
   check(identity.key != nullptr, "key");
   identity.certificate.reset(X509_new());
   X509* certificate = identity.certificate.get();
@@ -79,12 +82,16 @@ TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, 
     addExtension(certificate, issuerCertificate, NID_key_usage, "critical,keyCertSign,cRLSign");
   } else {
     addExtension(certificate, issuerCertificate, NID_basic_constraints, "critical,CA:FALSE");
-    addExtension(certificate, issuerCertificate, NID_key_usage, "critical,digitalSignature");
+    if (!options.keyUsage.empty()) addExtension(certificate, issuerCertificate, NID_key_usage, options.keyUsage.c_str());
     if (!options.extendedUsage.empty()) {
       addExtension(certificate, issuerCertificate, NID_ext_key_usage, options.extendedUsage.c_str());
     }
   }
   addExtension(certificate, issuerCertificate, NID_subject_key_identifier, "hash");
+  if (const size_t equals = options.extraExtension.find('='); equals != std::string::npos) {
+    addExtension(certificate, issuerCertificate, 0, options.extraExtension.c_str() + equals + 1,
+                 options.extraExtension.substr(0, equals).c_str());
+  }
   EVP_PKEY* signingKey = issuer ? issuer->key.get() : identity.key.get();
   check(X509_sign(certificate, signingKey, EVP_sha256()) > 0, "sign");
 
@@ -97,7 +104,9 @@ TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, 
   return identity;
 }
 
-TestIdentity TestPki::makeRoot(const std::string& name) { return make(nullptr, name, true, {}); }
+TestIdentity TestPki::makeRoot(const std::string& name, const LeafOptions& options) {
+  return make(nullptr, name, true, options);
+}
 
 TestIdentity TestPki::makeIntermediate(const TestIdentity& issuer, const std::string& name) {
   return make(&issuer, name, true, {});

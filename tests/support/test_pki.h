@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "shared/openssl_handles.h"
+#include "tools/openssl_handles.h"
 
 namespace ldtest {
 
@@ -22,6 +22,9 @@ struct LeafOptions {
   std::string extendedUsage = "codeSigning";        // the extended key usage; "" for none
   bool expired = false;                             // validity ended a year ago
   bool secondOrganizationalUnit = false;            // a second OU in the subject
+  std::string key = "P-256";                        // "P-256", "P-384" or "RSA-<bits>"
+  std::string keyUsage = "critical,digitalSignature";
+  std::string extraExtension = "";                  // "OID=value" in openssl.cnf syntax
 };
 
 class TestPki {
@@ -29,7 +32,7 @@ class TestPki {
   // Files go below directory, which must exist.
   explicit TestPki(std::string directory) : _directory(std::move(directory)) {}
 
-  TestIdentity makeRoot(const std::string& name);
+  TestIdentity makeRoot(const std::string& name, const LeafOptions& options = {});
   TestIdentity makeIntermediate(const TestIdentity& issuer, const std::string& name);
   TestIdentity makeLeaf(const TestIdentity& issuer, const std::string& name,
                         const LeafOptions& options = {});

@@ -1,0 +1,237 @@
+#include "shared/certificate.h"
+
+namespace {
+
+constexpr uint8_t kOrganizationalUnit[] = {0x55, 0x04, 0x0b};
+constexpr uint8_t kBasicConstraints[] = {0x55, 0x1d, 0x13};
+constexpr uint8_t kKeyUsage[] = {0x55, 0x1d, 0x0f};
+constexpr uint8_t kExtendedKeyUsage[] = {0x55, 0x1d, 0x25};
+constexpr uint8_t kSubjectKeyIdentifier[] = {0x55, 0x1d, 0x0e};
+constexpr uint8_t kAuthorityKeyIdentifier[] = {0x55, 0x1d, 0x23};
+constexpr uint8_t kCodeSigning[] = {0x2b, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x03};
+
+bool isString(uint8_t tag) {
+  return tag == LDDerUTF8String || tag == LDDerPrintableString || tag == LDDerIA5String;
+}
+
+// Calls visit(type, value) for every attribute of a Name; false if it is malformed or holds
+// anything but UTF8String (valid UTF-8), PrintableString or IA5String values.
+template <class Visit>
+bool forEachAttribute(LDBytes name, Visit visit) {
+  const std::optional<LDDerElement> sequence = LDDerReadOnly(name, LDDerSequence);
+  if (!sequence) return false;
+  LDDerReader names(sequence->contents);
+  while (!names.atEnd()) {
+    std::optional<LDDerReader> set = names.enter(LDDerSet);
+    if (!set || set->atEnd()) return false;
+    while (!set->atEnd()) {
+      std::optional<LDDerReader> attribute = set->enter(LDDerSequence);
+      if (!attribute) return false;
+      const std::optional<LDDerElement> type = attribute->read(LDDerObjectIdentifier);
+      const std::optional<LDDerElement> value = attribute->readAny();
+      if (!type || !value || !attribute->atEnd() || !isString(value->tag)) return false;
+      if (value->tag == LDDerUTF8String && !LDIsUTF8(value->contents)) return false;
+      visit(type->contents, *value);
+    }
+  }
+  return true;
+}
+
+bool parseBasicConstraints(LDBytes value, LDCertificate& certificate) {
+  const std::optional<LDDerElement> sequence = LDDerReadOnly(value, LDDerSequence);
+  if (!sequence) return false;
+  LDDerReader fields(sequence->contents);
+  if (const std::optional<LDDerElement> authority = fields.read(LDDerBoolean)) {
+    // DER omits a FALSE default, so an explicit cA is TRUE (0xff).
+    if (authority->contents.size() != 1 || authority->contents[0] != 0xff) return false;
+    certificate.isAuthority = true;
+  }
+  if (const std::optional<LDDerElement> length = fields.read(LDDerInteger)) {
+    certificate.pathLength = LDDerSmallInteger(*length);
+    if (!certificate.pathLength || !certificate.isAuthority) return false;
+  }
+  return fields.atEnd();
+}
+
+bool parseKeyUsage(LDBytes value, LDCertificate& certificate) {
+  const std::optional<LDDerElement> bits = LDDerReadOnly(value, LDDerBitString);
+  if (!bits || bits->contents.size() < 2 || bits->contents.size() > 3 || bits->contents[0] > 7) {
+    return false;
+  }
+  uint16_t usage = 0;
+  for (size_t i = 1; i < bits->contents.size(); ++i) {
+    for (int bit = 0; bit < 8; ++bit) {
+      if (bits->contents[i] & (0x80 >> bit)) usage = static_cast<uint16_t>(usage | 1u << ((i - 1) * 8 + static_cast<size_t>(bit)));
+    }
+  }
+  certificate.keyUsage = usage;
+  return true;
+}
+
+bool parseExtendedKeyUsage(LDBytes value, LDCertificate& certificate) {
+  std::optional<LDDerElement> sequence = LDDerReadOnly(value, LDDerSequence);
+  if (!sequence) return false;
+  LDDerReader purposes(sequence->contents);
+  if (purposes.atEnd()) return false;
+  while (!purposes.atEnd()) {
+    const std::optional<LDDerElement> purpose = purposes.read(LDDerObjectIdentifier);
+    if (!purpose) return false;
+    if (LDDerEqual(purpose->contents, LDDerLiteral(kCodeSigning))) certificate.codeSigning = true;
+  }
+  certificate.hasExtendedKeyUsage = true;
+  return true;
+}
+
+bool parseAuthorityKeyIdentifier(LDBytes value, LDCertificate& certificate) {
+  std::optional<LDDerElement> sequence = LDDerReadOnly(value, LDDerSequence);
+  if (!sequence) return false;
+  LDDerReader fields(sequence->contents);
+  if (const std::optional<LDDerElement> keyIdentifier = fields.read(LDDerContextPrimitive(0))) {
+    certificate.authorityKeyIdentifier = keyIdentifier->contents;
+  }
+  // authorityCertIssuer [1] and authorityCertSerialNumber [2] are read past, not used.
+  if (fields.peekTag() == LDDerContextConstructed(1) && !fields.readAny()) return false;
+  if (fields.peekTag() == LDDerContextPrimitive(2) && !fields.readAny()) return false;
+  return fields.atEnd();
+}
+
+bool parseExtensions(LDDerReader extensions, LDCertificate& certificate) {
+  std::vector<LDBytes> seen;
+  if (extensions.atEnd()) return false;
+  while (!extensions.atEnd()) {
+    std::optional<LDDerReader> extension = extensions.enter(LDDerSequence);
+    if (!extension) return false;
+    const std::optional<LDDerElement> oid = extension->read(LDDerObjectIdentifier);
+    if (!oid) return false;
+    bool critical = false;
+    if (const std::optional<LDDerElement> flag = extension->read(LDDerBoolean)) {
+      if (flag->contents.size() != 1 || flag->contents[0] != 0xff) return false;
+      critical = true;
+    }
+    const std::optional<LDDerElement> value = extension->read(LDDerOctetString);
+    if (!value || !extension->atEnd()) return false;
+    for (const LDBytes other : seen) {
+      if (LDDerEqual(other, oid->contents)) return false;  // RFC 5280: at most once each
+    }
+    seen.push_back(oid->contents);
+    const LDBytes type = oid->contents;
+    bool understood = true;
+    if (LDDerEqual(type, LDDerLiteral(kBasicConstraints))) {
+      understood = parseBasicConstraints(value->contents, certificate);
+    } else if (LDDerEqual(type, LDDerLiteral(kKeyUsage))) {
+      understood = parseKeyUsage(value->contents, certificate);
+    } else if (LDDerEqual(type, LDDerLiteral(kExtendedKeyUsage))) {
+      understood = parseExtendedKeyUsage(value->contents, certificate);
+    } else if (LDDerEqual(type, LDDerLiteral(kSubjectKeyIdentifier))) {
+      const std::optional<LDDerElement> identifier = LDDerReadOnly(value->contents, LDDerOctetString);
+      if (identifier) certificate.subjectKeyIdentifier = identifier->contents;
+      understood = identifier.has_value();
+    } else if (LDDerEqual(type, LDDerLiteral(kAuthorityKeyIdentifier))) {
+      understood = parseAuthorityKeyIdentifier(value->contents, certificate);
+    } else {
+      // Another extension is ignored, unless it says that it must not be.
+      if (critical) certificate.unknownCriticalExtension = true;
+      continue;
+    }
+    if (!understood) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
+  LDCertificate certificate;
+  const std::optional<LDDerElement> outer = LDDerReadOnly(encoding, LDDerSequence);
+  if (!outer) return std::nullopt;
+  certificate.encoding = encoding;
+  LDDerReader parts(outer->contents);
+  const std::optional<LDDerElement> tbs = parts.read(LDDerSequence);
+  const std::optional<LDDerElement> outerAlgorithm = parts.read(LDDerSequence);
+  const std::optional<LDDerElement> signature = parts.read(LDDerBitString);
+  if (!tbs || !outerAlgorithm || !signature || !parts.atEnd()) return std::nullopt;
+  certificate.toBeSigned = tbs->encoding;
+  const std::optional<LDBytes> signatureBits = LDDerOctetAlignedBits(*signature);
+  const std::optional<LDSignatureAlgorithm> algorithm = LDParseSignatureAlgorithm(*outerAlgorithm, false);
+  if (!signatureBits || !algorithm) return std::nullopt;
+  certificate.signature = *signatureBits;
+  certificate.signatureAlgorithm = *algorithm;
+
+  LDDerReader fields(tbs->contents);
+  std::optional<LDDerReader> version = fields.enter(LDDerContextConstructed(0));
+  const std::optional<LDDerElement> versionNumber = version ? version->read(LDDerInteger) : std::nullopt;
+  if (!versionNumber || !version->atEnd() || LDDerSmallInteger(*versionNumber) != 2) return std::nullopt;
+  const std::optional<LDDerElement> serial = fields.read(LDDerInteger);
+  const std::optional<LDDerElement> innerAlgorithm = fields.read(LDDerSequence);
+  const std::optional<LDDerElement> issuer = fields.read(LDDerSequence);
+  std::optional<LDDerReader> validity = fields.enter(LDDerSequence);
+  const std::optional<LDDerElement> subject = fields.read(LDDerSequence);
+  const std::optional<LDDerElement> publicKey = fields.read(LDDerSequence);
+  if (!serial || serial->contents.empty() || serial->contents.size() > 21 || !innerAlgorithm ||
+      !issuer || !validity || !subject || !publicKey) {
+    return std::nullopt;
+  }
+  // The algorithm inside what is signed must be the one outside (RFC 5280, 4.1.1.2).
+  if (!LDDerEqual(innerAlgorithm->encoding, outerAlgorithm->encoding)) return std::nullopt;
+  // Validity is read, never judged: expiry does not end the trust in code signed before it.
+  for (int i = 0; i < 2; ++i) {
+    const std::optional<uint8_t> tag = validity->peekTag();
+    if ((tag != LDDerUTCTime && tag != LDDerGeneralizedTime) || !validity->readAny()) return std::nullopt;
+  }
+  if (!validity->atEnd()) return std::nullopt;
+  const auto wellFormed = [](LDBytes name) {
+    return forEachAttribute(name, [](LDBytes, const LDDerElement&) {});
+  };
+  if (!wellFormed(issuer->encoding) || !wellFormed(subject->encoding)) return std::nullopt;
+  certificate.serialNumber = serial->contents;
+  certificate.issuer = issuer->encoding;
+  certificate.subject = subject->encoding;
+  const std::optional<LDPublicKey> key = LDParsePublicKey(*publicKey);
+  if (!key) return std::nullopt;
+  certificate.key = *key;
+  // Unique identifiers ([1], [2]) are not part of the profile.
+  std::optional<LDDerReader> extensionsWrapper = fields.enter(LDDerContextConstructed(3));
+  if (!extensionsWrapper || !fields.atEnd()) return std::nullopt;
+  std::optional<LDDerReader> extensions = extensionsWrapper->enter(LDDerSequence);
+  if (!extensions || !extensionsWrapper->atEnd() || !parseExtensions(*extensions, certificate)) {
+    return std::nullopt;
+  }
+  return certificate;
+}
+
+std::optional<std::string> LDSingleOrganizationalUnit(const LDCertificate& certificate) {
+  int count = 0;
+  std::string text;
+  const bool wellFormed = forEachAttribute(certificate.subject, [&](LDBytes type, const LDDerElement& value) {
+    if (!LDDerEqual(type, LDDerLiteral(kOrganizationalUnit))) return;
+    ++count;
+    text.assign(value.contents.begin(), value.contents.end());
+  });
+  if (!wellFormed || count != 1) return std::nullopt;
+  return text;
+}
+
+std::string LDNameText(LDBytes name) {
+  static constexpr struct {
+    uint8_t last;
+    const char* label;
+  } kLabels[] = {{0x03, "CN"}, {0x06, "C"}, {0x07, "L"}, {0x08, "ST"}, {0x0a, "O"}, {0x0b, "OU"}};
+  std::string text;
+  forEachAttribute(name, [&](LDBytes type, const LDDerElement& value) {
+    std::string label = "?";
+    if (type.size() == 3 && type[0] == 0x55 && type[1] == 0x04) {
+      for (const auto& known : kLabels) {
+        if (known.last == type[2]) label = known.label;
+      }
+    }
+    // RFC 4514 lists the most significant attribute last.
+    text = label + "=" + std::string(value.contents.begin(), value.contents.end()) + (text.empty() ? "" : "," + text);
+  });
+  return text;
+}
+
+bool LDCertificateIsSignedBy(const LDCertificate& certificate, const LDCertificate& issuer) {
+  const LDSignatureAlgorithm& algorithm = certificate.signatureAlgorithm;
+  const LDDigest digest = LDDigestOf(*algorithm.digest, certificate.toBeSigned);
+  return LDVerifySignature(issuer.key, algorithm.kind, digest, certificate.signature);
+}

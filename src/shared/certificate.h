@@ -1,0 +1,51 @@
+#pragma once
+
+// X.509 v3 certificates of the signing profile, read with the strict DER reader. Parsing checks
+// the structure and records what the chain evaluation needs; it judges no trust.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "shared/der.h"
+#include "shared/public_key.h"
+
+// keyUsage bits, numbered as in RFC 5280 (bit 0 is the most significant bit of the first octet).
+enum LDKeyUsage : uint16_t {
+  LDKeyUsageDigitalSignature = 1u << 0,
+  LDKeyUsageKeyCertSign = 1u << 5,
+};
+
+struct LDCertificate {
+  LDBytes encoding;            // the whole certificate
+  LDBytes toBeSigned;          // the TBSCertificate, as signed
+  LDBytes serialNumber;        // the INTEGER's contents octets
+  LDBytes issuer, subject;     // the Names, tag and length included (compared byte for byte)
+  LDSignatureAlgorithm signatureAlgorithm{LDSignatureKind::ecdsa, LDDigestKind::sha256};
+  LDBytes signature;
+  LDPublicKey key{LDPublicKey::Kind::p256, {}, {}, {}, {}};
+
+  bool isAuthority = false;            // basicConstraints cA
+  std::optional<int32_t> pathLength;   // basicConstraints pathLenConstraint
+  std::optional<uint16_t> keyUsage;    // absent: any use
+  bool hasExtendedKeyUsage = false;
+  bool codeSigning = false;            // extendedKeyUsage names id-kp-codeSigning
+  LDBytes subjectKeyIdentifier, authorityKeyIdentifier;  // empty when absent
+  bool unknownCriticalExtension = false;
+};
+
+// A certificate of the profile (v3; ECDSA P-256/P-384 or RSA 2048..4096 key; ECDSA or
+// PKCS #1 v1.5 signature with SHA-256/384; extensions at most once each); nothing otherwise.
+// The result points into encoding, which must outlive it.
+std::optional<LDCertificate> LDParseCertificate(LDBytes encoding);
+
+// The text of the subject's only organisational unit (a UTF8String, PrintableString or
+// IA5String); nothing when there is none, several, or another string type.
+std::optional<std::string> LDSingleOrganizationalUnit(const LDCertificate& certificate);
+
+// RFC 4514 text of a Name, for messages (best effort: unknown attributes by OID).
+std::string LDNameText(LDBytes name);
+
+// Whether issuer's key made certificate's signature.
+bool LDCertificateIsSignedBy(const LDCertificate& certificate, const LDCertificate& issuer);

@@ -1,0 +1,292 @@
+// The CMS SignedData of an appended signature, read for exactly the profile that ld-codesign
+// writes (docs/code-signing.md), and the evaluation of its certificate chain.
+
+#include "shared/code_signature.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr uint8_t kSignedData[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x02};
+constexpr uint8_t kData[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x01};
+constexpr uint8_t kContentType[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x09, 0x03};
+constexpr uint8_t kMessageDigest[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x09, 0x04};
+constexpr uint8_t kSigningTime[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x09, 0x05};
+
+// More certificates than a leaf, a few intermediates and a root is not a signature of ours.
+constexpr size_t kMaximumCertificates = 8;
+constexpr int kMaximumIntermediates = 6;
+
+LDSignatureContents refuse(LDSignatureContents&& contents, int32_t status, std::string detail,
+                           bool outsideProfile = false) {
+  contents.status = status;
+  contents.detail = std::move(detail);
+  contents.outsideProfile = outsideProfile;
+  return std::move(contents);
+}
+
+// What the SignerInfo says, beyond the signer's certificate.
+struct Signer {
+  LDDigestKind digest = LDDigestKind::sha256;
+  LDBytes signedAttributes;  // the [0] element as encoded
+  LDBytes messageDigest;
+  LDSignatureAlgorithm algorithm{LDSignatureKind::ecdsa, LDDigestKind::sha256};
+  LDBytes signature;
+};
+
+// The elements of a SET OF in DER order (ascending encodings, X.690 11.6); false otherwise.
+bool isSortedSet(LDDerReader elements) {
+  LDBytes previous;
+  while (!elements.atEnd()) {
+    const std::optional<LDDerElement> element = elements.readAny();
+    if (!element) return false;
+    if (!previous.empty() &&
+        std::lexicographical_compare(element->encoding.begin(), element->encoding.end(),
+                                     previous.begin(), previous.end())) {
+      return false;
+    }
+    previous = element->encoding;
+  }
+  return true;
+}
+
+// contentType = id-data and messageDigest, once each, and optionally signingTime; nothing else.
+bool parseSignedAttributes(LDBytes contents, Signer& signer) {
+  if (!isSortedSet(LDDerReader(contents))) return false;
+  LDDerReader attributes(contents);
+  bool contentType = false, signingTime = false;
+  while (!attributes.atEnd()) {
+    std::optional<LDDerReader> attribute = attributes.enter(LDDerSequence);
+    const std::optional<LDDerElement> type = attribute ? attribute->read(LDDerObjectIdentifier) : std::nullopt;
+    std::optional<LDDerReader> values = type ? attribute->enter(LDDerSet) : std::nullopt;
+    if (!values || !attribute->atEnd()) return false;
+    const std::optional<LDDerElement> value = values->readAny();
+    if (!value || !values->atEnd()) return false;
+    if (LDDerEqual(type->contents, LDDerLiteral(kContentType)) && !contentType) {
+      if (value->tag != LDDerObjectIdentifier || !LDDerEqual(value->contents, LDDerLiteral(kData))) return false;
+      contentType = true;
+    } else if (LDDerEqual(type->contents, LDDerLiteral(kMessageDigest)) && signer.messageDigest.empty()) {
+      if (value->tag != LDDerOctetString || value->contents.empty()) return false;
+      signer.messageDigest = value->contents;
+    } else if (LDDerEqual(type->contents, LDDerLiteral(kSigningTime)) && !signingTime) {
+      if (value->tag != LDDerUTCTime && value->tag != LDDerGeneralizedTime) return false;
+      signingTime = true;
+    } else {
+      return false;
+    }
+  }
+  return contentType && !signer.messageDigest.empty();
+}
+
+// SignerInfo v1: issuerAndSerialNumber, digest, signed attributes, signature; no unsigned ones.
+bool parseSignerInfo(LDDerReader fields, LDBytes& issuer, LDBytes& serial, Signer& signer) {
+  const std::optional<LDDerElement> version = fields.read(LDDerInteger);
+  std::optional<LDDerReader> identifier = fields.enter(LDDerSequence);
+  if (!version || LDDerSmallInteger(*version) != 1 || !identifier) return false;
+  const std::optional<LDDerElement> issuerName = identifier->read(LDDerSequence);
+  const std::optional<LDDerElement> serialNumber = identifier->read(LDDerInteger);
+  if (!issuerName || !serialNumber || !identifier->atEnd()) return false;
+  issuer = issuerName->encoding;
+  serial = serialNumber->contents;
+  const std::optional<LDDerElement> digestAlgorithm = fields.read(LDDerSequence);
+  const std::optional<LDDerElement> attributes = fields.read(LDDerContextConstructed(0));
+  const std::optional<LDDerElement> signatureAlgorithm = fields.read(LDDerSequence);
+  const std::optional<LDDerElement> signature = fields.read(LDDerOctetString);
+  if (!digestAlgorithm || !attributes || !signatureAlgorithm || !signature || !fields.atEnd()) return false;
+  const std::optional<LDDigestKind> digest = LDParseDigestAlgorithm(*digestAlgorithm);
+  const std::optional<LDSignatureAlgorithm> algorithm = LDParseSignatureAlgorithm(*signatureAlgorithm, true);
+  // A signature algorithm that names a digest names the signer's digest, no other.
+  if (!digest || !algorithm || (algorithm->digest && algorithm->digest != digest)) return false;
+  signer.digest = *digest;
+  signer.algorithm = *algorithm;
+  signer.signedAttributes = attributes->encoding;
+  signer.signature = signature->contents;
+  return parseSignedAttributes(attributes->contents, signer);
+}
+
+// ContentInfo { signedData, [0] SignedData v1 { one digest algorithm, id-data content carried
+// inside, certificates, no CRLs, one SignerInfo } }. Fills contents.certificates, leafIndex and
+// the manifest text; status errSecCSSignatureInvalid on anything else.
+LDSignatureContents parseSignedData(LDBytes blob, LDBytes& content, Signer& signer) {
+  LDSignatureContents contents;
+  const auto invalid = [&contents](std::string detail) {
+    return refuse(std::move(contents), errSecCSSignatureInvalid, std::move(detail), true);
+  };
+  const std::optional<LDDerElement> contentInfo = LDDerReadOnly(blob, LDDerSequence);
+  if (!contentInfo) return invalid("the signature is not a single DER-encoded CMS object");
+  LDDerReader outer(contentInfo->contents);
+  const std::optional<LDDerElement> type = outer.read(LDDerObjectIdentifier);
+  if (!type || !LDDerEqual(type->contents, LDDerLiteral(kSignedData))) {
+    return invalid("the signature is not CMS SignedData");
+  }
+  std::optional<LDDerReader> explicitContent = outer.enter(LDDerContextConstructed(0));
+  std::optional<LDDerReader> signedData =
+      explicitContent ? explicitContent->enter(LDDerSequence) : std::nullopt;
+  if (!signedData || !explicitContent->atEnd() || !outer.atEnd()) {
+    return invalid("the signature is not CMS SignedData");
+  }
+  const std::optional<LDDerElement> version = signedData->read(LDDerInteger);
+  std::optional<LDDerReader> digestAlgorithms = signedData->enter(LDDerSet);
+  const std::optional<LDDerElement> digestAlgorithm =
+      digestAlgorithms ? digestAlgorithms->read(LDDerSequence) : std::nullopt;
+  std::optional<LDDerReader> encapsulated = signedData->enter(LDDerSequence);
+  if (!version || LDDerSmallInteger(*version) != 1 || !digestAlgorithm || !digestAlgorithms->atEnd() ||
+      !LDParseDigestAlgorithm(*digestAlgorithm) || !encapsulated) {
+    return invalid("the SignedData header is outside the signing profile");
+  }
+  const std::optional<LDDerElement> contentType = encapsulated->read(LDDerObjectIdentifier);
+  if (!contentType || !LDDerEqual(contentType->contents, LDDerLiteral(kData))) {
+    return invalid("the signed content is not data");
+  }
+  std::optional<LDDerReader> explicitManifest = encapsulated->enter(LDDerContextConstructed(0));
+  if (!explicitManifest) return invalid("the signature carries no manifest");
+  const std::optional<LDDerElement> manifest = explicitManifest->read(LDDerOctetString);
+  if (!manifest || !explicitManifest->atEnd() || !encapsulated->atEnd()) {
+    return invalid("the signed content is not one octet string");
+  }
+  content = manifest->contents;
+
+  std::optional<LDDerReader> certificates = signedData->enter(LDDerContextConstructed(0));
+  if (!certificates || certificates->atEnd()) return invalid("the signature carries no certificates");
+  while (!certificates->atEnd()) {
+    const std::optional<LDDerElement> element = certificates->read(LDDerSequence);
+    std::optional<LDCertificate> certificate =
+        element ? LDParseCertificate(element->encoding) : std::nullopt;
+    if (!certificate) return invalid("a certificate in the signature is outside the signing profile");
+    if (contents.certificates.size() == kMaximumCertificates) {
+      return invalid("the signature carries too many certificates");
+    }
+    contents.certificates.push_back(*certificate);
+  }
+  std::optional<LDDerReader> signerInfos = signedData->enter(LDDerSet);
+  if (!signerInfos || !signedData->atEnd()) return invalid("the SignedData is outside the signing profile");
+  std::optional<LDDerReader> signerInfo = signerInfos->enter(LDDerSequence);
+  if (!signerInfo || !signerInfos->atEnd()) {
+    return refuse(std::move(contents), errSecCSSignatureInvalid, "the signature must have exactly one signer");
+  }
+  LDBytes issuer, serial;
+  if (!parseSignerInfo(*signerInfo, issuer, serial, signer) ||
+      LDParseDigestAlgorithm(*digestAlgorithm) != signer.digest) {
+    return invalid("the signer's information is outside the signing profile");
+  }
+  for (size_t i = 0; i < contents.certificates.size(); ++i) {
+    const LDCertificate& candidate = contents.certificates[i];
+    if (LDDerEqual(candidate.issuer, issuer) && LDDerEqual(candidate.serialNumber, serial)) {
+      contents.leafIndex = i;
+      return contents;
+    }
+  }
+  // Names are compared byte for byte; OpenSSL would also match after case folding.
+  return refuse(std::move(contents), errSecCSSignatureInvalid, "the signer's certificate is not in the signature",
+                true);
+}
+
+LDSignatureContents withTeam(LDSignatureContents&& contents) {
+  const std::optional<std::string> team = LDSingleOrganizationalUnit(contents.leaf());
+  if (!team) {
+    return refuse(std::move(contents), errSecCSSignatureInvalid,
+                  "the signer's certificate must name exactly one organisational unit (the team)");
+  }
+  contents.leafTeam = *team;
+  return std::move(contents);
+}
+
+}  // namespace
+
+LDSignatureContents LDReadSigningInformation(LDBytes blob) {
+  LDBytes content;
+  Signer signer;
+  LDSignatureContents contents = parseSignedData(blob, content, signer);
+  if (contents.status != LDCodeSigningStatusOK) return contents;
+  return withTeam(std::move(contents));
+}
+
+LDSignatureContents LDReadSignatureBlob(LDBytes blob) {
+  LDBytes content;
+  Signer signer;
+  LDSignatureContents contents = parseSignedData(blob, content, signer);
+  if (contents.status != LDCodeSigningStatusOK) return contents;
+
+  // The signature covers the DER of the signed attributes as a SET (RFC 5652, 5.4), and the
+  // attributes cover the content through its digest.
+  std::vector<uint8_t> signedBytes(signer.signedAttributes.begin(), signer.signedAttributes.end());
+  signedBytes[0] = LDDerSet;
+  const bool signatureHolds =
+      LDVerifySignature(contents.leaf().key, signer.algorithm.kind, LDDigestOf(signer.digest, signedBytes),
+                        signer.signature) &&
+      LDDerEqual(LDDigestOf(signer.digest, content).view(), signer.messageDigest);
+  if (!signatureHolds) {
+    return refuse(std::move(contents), errSecCSSignatureFailed,
+                  "the signature does not verify with the signer's certificate");
+  }
+  const std::optional<LDSignatureManifest> manifest =
+      LDParseManifest(std::string_view(reinterpret_cast<const char*>(content.data()), content.size()));
+  if (!manifest) {
+    return refuse(std::move(contents), errSecCSSignatureInvalid, "the signed manifest is malformed");
+  }
+  contents.manifest = *manifest;
+  contents = withTeam(std::move(contents));
+  if (contents.status == LDCodeSigningStatusOK && contents.leafTeam != contents.manifest.team) {
+    return refuse(std::move(contents), errSecCSSignatureInvalid,
+                  "the manifest's team \"" + contents.manifest.team +
+                      "\" is not the signer's organisational unit \"" + contents.leafTeam + "\"");
+  }
+  return contents;
+}
+
+namespace {
+
+// Whether issuer may have issued certificate: names, key identifiers when both are given
+// (as OpenSSL's X509_check_akid does), a CA allowed to sign certificates, within its path
+// length, and the signature.
+bool issued(const LDCertificate& issuer, const LDCertificate& certificate, int intermediatesBelow) {
+  if (!LDDerEqual(issuer.subject, certificate.issuer)) return false;
+  if (!certificate.authorityKeyIdentifier.empty() && !issuer.subjectKeyIdentifier.empty() &&
+      !LDDerEqual(certificate.authorityKeyIdentifier, issuer.subjectKeyIdentifier)) {
+    return false;
+  }
+  if (!issuer.isAuthority || (issuer.keyUsage && !(*issuer.keyUsage & LDKeyUsageKeyCertSign))) return false;
+  if (issuer.pathLength && intermediatesBelow > *issuer.pathLength) return false;
+  return LDCertificateIsSignedBy(certificate, issuer);
+}
+
+int32_t untrusted(std::string* detail, std::string text) {
+  if (detail) *detail = std::move(text);
+  return errSecCSSignatureUntrusted;
+}
+
+}  // namespace
+
+int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDCertificate>& anchors,
+                      std::string* detail) {
+  const LDCertificate& leaf = contents.leaf();
+  const LDCertificate* current = &leaf;
+  for (int intermediates = 0; intermediates <= kMaximumIntermediates; ++intermediates) {
+    if (current->unknownCriticalExtension) {
+      return untrusted(detail, "a certificate in the chain has a critical extension that is not understood");
+    }
+    const LDCertificate* next = nullptr;
+    for (const LDCertificate& anchor : anchors) {
+      if (issued(anchor, *current, intermediates)) {
+        if (anchor.unknownCriticalExtension) break;
+        if (!leaf.hasExtendedKeyUsage || !leaf.codeSigning) {
+          return untrusted(detail, "the signer's certificate is not for code signing");
+        }
+        if (leaf.keyUsage && !(*leaf.keyUsage & LDKeyUsageDigitalSignature)) {
+          return untrusted(detail, "the signer's certificate may not make digital signatures (required by the signing profile)");
+        }
+        return LDCodeSigningStatusOK;
+      }
+    }
+    for (const LDCertificate& candidate : contents.certificates) {
+      if (&candidate != current && &candidate != &leaf && issued(candidate, *current, intermediates)) {
+        next = &candidate;
+        break;
+      }
+    }
+    if (!next) break;
+    current = next;
+  }
+  return untrusted(detail, "the signer's certificate chain is not trusted: it does not lead to a "
+                           "compiled-in root (issuer " + LDNameText(current->issuer) + ")");
+}
