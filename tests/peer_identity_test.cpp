@@ -1,11 +1,14 @@
 // Admission's pinning of the peer process, on a socketpair whose peer is this very process.
 
 #include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
+#include "platform/dispatch.h"
 #include "platform/peer_identity.h"
 
 namespace {
@@ -52,6 +55,30 @@ TEST(PeerIdentity, FindsEveryCopyOfTheSocketAndStopsAtTheFirstThatSurvivesExec) 
   inherited.reset();
   EXPECT_EQ(LDScanSocketCopies(self.fileDescriptor(), socket.st_ino, 1024), LDSocketCopies::none)
       << "a socket the process does not hold is not its own";
+}
+
+// The helper ends with exit() on its utility thread while another thread may be checking a
+// signature: nothing that check uses may be destroyed by exit (run under the sanitizers).
+TEST(PeerIdentity, ExitOnTheUtilityThreadWhileASignatureIsCheckedEndsCleanly) {
+  for (int round = 0; round < 20; ++round) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      LDFileHandle signedFile(::open(LD_SIGNED_PROGRAM, O_RDONLY | O_CLOEXEC));
+      LDUtilityQueue* queue = new LDUtilityQueue;  // as in the helper, alive until the exit
+      queue->dispatchAfter(200'000 * round, LDDispatchBlock::create([] { std::exit(1); }));
+      for (;;) {
+        std::string detail;
+        if (LDCheckSignatureOfDescriptor(signedFile.fileDescriptor(), nullptr, LDTrustAnchors::compiledIn(),
+                                         &detail) != 0) {
+          ::_exit(3);
+        }
+      }
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << "round " << round << ", status " << status;
+  }
 }
 
 }  // namespace
