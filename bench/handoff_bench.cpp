@@ -174,22 +174,21 @@ double floorTransfer(const std::string& floor) {
 }
 
 // A round trip on an open, admitted connection: Request to RequestReply (the helper binds,
-// duplicates and draws a token in between), then Complete to CompleteReply.
-void warmRoundTrip(const std::string& helper, const std::string& socketPath, Stats& request, Stats& complete) {
-  LDFileHandle listening = listenAt(socketPath);
+// duplicates and draws a token in between), then Complete to CompleteReply. Run by a set-group-ID
+// copy of this program as nobody (`--warm`), as only such a client is admitted; prints
+// "request_us complete_us".
+void warmClientRound(const std::string& socketPath) {
   LDFileHandle client(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
   if (::connect(client.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) die("connect");
-  const pid_t helperPid = activateHelper(helper, listening.fileDescriptor());
-  listening.reset();
   const auto receive = [&](LDReceivedPacket& packet) {
     pollfd ready{client.fileDescriptor(), POLLIN, 0};
     int errorNumber = 0;
     if (::poll(&ready, 1, 10000) != 1 ||
         LDReceivePacket(client.fileDescriptor(), LDWireMaximumPacketSize, &packet, &errorNumber) != LDReceiveResult::packet) {
-      die("the helper did not answer (is this program signed as the application?)");
+      die("the helper did not answer (is this program signed as the application and set-group-ID?)");
     }
   };
   LDReceivedPacket packet;
@@ -197,15 +196,53 @@ void warmRoundTrip(const std::string& helper, const std::string& socketPath, Sta
   int64_t start = now();
   (void)LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDRequestMessage{1}), {}, false);
   receive(packet);
-  request.values.push_back(static_cast<double>(now() - start) / 1000.0);
+  const double request = static_cast<double>(now() - start) / 1000.0;
   const auto reply = LDDecodeMessage(packet.bytes, packet.descriptors.size());
   const auto* transferred = reply ? std::get_if<LDRequestReplyMessage>(&*reply) : nullptr;
   if (!transferred || transferred->status != 0) die("the warm request failed");
   start = now();
   (void)LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDCompleteMessage{1, transferred->token, true}), {}, false);
   receive(packet);
-  complete.values.push_back(static_cast<double>(now() - start) / 1000.0);
-  if (reap(helperPid) != 0) die("the helper did not exit 0");
+  std::printf("%f %f\n", request, static_cast<double>(now() - start) / 1000.0);
+  std::fflush(stdout);
+}
+
+// The helper's side of the warm round trips: activates a helper for each connection of the
+// warm client (WORKDIR/warm_client) and tells the client when the previous helper has gone.
+void warmRoundTrips(const std::string& helper, const std::string& work, int count, Stats& request, Stats& complete) {
+  const std::string socketPath = work + "/warm.sock";
+  LDFileHandle listening = listenAt(socketPath);
+  int go[2], results[2];
+  if (::pipe2(go, O_CLOEXEC) != 0 || ::pipe2(results, O_CLOEXEC) != 0) die("pipe2");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(go[0], 0);
+    ::dup2(results[1], 1);
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) {
+      ::_exit(126);
+    }
+    const std::string program = work + "/warm_client";
+    ::execl(program.c_str(), program.c_str(), "--warm", socketPath.c_str(), std::to_string(count).c_str(),
+            static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(go[0]);
+  ::close(results[1]);
+  for (int i = 0; i < count; ++i) {
+    (void)!::write(go[1], "g", 1);
+    pollfd waiting{listening.fileDescriptor(), POLLIN, 0};
+    if (::poll(&waiting, 1, 10000) != 1) die("the warm client did not connect");
+    if (reap(activateHelper(helper, listening.fileDescriptor())) != 0) die("the helper did not exit 0");
+  }
+  ::close(go[1]);
+  FILE* lines = ::fdopen(results[0], "r");
+  double r = 0, c = 0;
+  while (lines && std::fscanf(lines, "%lf %lf", &r, &c) == 2) {
+    request.values.push_back(r);
+    complete.values.push_back(c);
+  }
+  if (lines) std::fclose(lines);
+  if (reap(child) != 0 || request.values.size() != static_cast<size_t>(count)) die("the warm client failed");
 }
 
 // A signed copy of the client padded to about `size` bytes: the loader ignores what follows the
@@ -225,7 +262,12 @@ std::string paddedClient(const std::string& client, const std::string& directory
     std::ofstream output(path, std::ios::binary | std::ios::trunc);
     output << image;
   }
-  ::chmod(path.c_str(), 0755);
+  // Installed as the client is: root, set-group-ID to its group.
+  struct stat installed {};
+  if (::stat(client.c_str(), &installed) != 0 || ::chown(path.c_str(), 0, installed.st_gid) != 0 ||
+      ::chmod(path.c_str(), installed.st_mode & 07777) != 0) {
+    die("cannot install " + path);
+  }
   std::string error;
   if (!LDSignFile(path, LD_APP_IDENTIFIER, identity, &error)) die(error);
   return path;
@@ -321,6 +363,10 @@ long fileSize(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 4 && std::string(argv[1]) == "--warm") {
+    for (int i = std::atoi(argv[3]); i > 0 && std::getchar() != EOF; --i) warmClientRound(argv[2]);
+    return 0;
+  }
   if (argc < 6) die("usage: handoff_bench HELPER CLIENT FLOOR WORKDIR OUTPUT.json [TRANSFERS]");
   const std::string helper = argv[1], client = argv[2], floor = argv[3], work = argv[4], output = argv[5];
   const int transfers = argc > 6 ? std::atoi(argv[6]) : 200;
@@ -346,7 +392,7 @@ int main(int argc, char** argv) {
                 cold.median(), cold.p99(), floorStats.median(), peakRss);
     return 0;
   }
-  for (int i = 0; i < std::min(transfers, 100); ++i) warmRoundTrip(helper, work + "/warm.sock", warmRequest, warmComplete);
+  warmRoundTrips(helper, work, std::min(transfers, 100), warmRequest, warmComplete);
 
   struct BySize {
     size_t mebibytes;

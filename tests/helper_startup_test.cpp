@@ -45,7 +45,7 @@ LDFileHandle connectTo(const std::string& path) {
 
 TEST(HelperStartup, RefusesToRunWithoutRootOrSocketActivationWhateverItsArguments) {
   ldtest::ProgramDirectory programs;
-  const std::string helper = programs.install(LD_HELPER, "helper");
+  const std::string helper = programs.install(LD_HELPER, "helper", false);
   const std::string notActivated = "quillfern-local-domain-listener: " + LDNotSocketActivatedMessage() + "\n";
   struct Case { std::vector<std::string> argv; int uid; std::string standardError; };
   for (const Case& c : {
@@ -62,7 +62,7 @@ TEST(HelperStartup, RefusesToRunWithoutRootOrSocketActivationWhateverItsArgument
 
 TEST(HelperStartup, WithoutATeamItClosesTheWaitingConnectionsSoSystemdCannotSpinIt) {
   ldtest::ProgramDirectory programs;
-  const std::string helper = programs.install(LD_HELPER, "helper");
+  const std::string helper = programs.install(LD_HELPER, "helper", false);
   // An unsigned copy: the signature cut off, the code unchanged.
   const std::string image = ldtest::readFile(helper);
   const LDSignatureLocation location =
@@ -108,7 +108,7 @@ TEST(ServiceSocket, ActivationIsTakenOnlyWhenItNamesThisProcess) {
 TEST(ServiceSocket, ActivatedDescriptorMustBeAListeningSeqpacketSocket) {
   ldtest::ProgramDirectory programs;
   const LDFileHandle stream(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  auto process = ldtest::ChildProcess::start({programs.install(LD_HELPER, "helper")}, -1, stream.fileDescriptor());
+  auto process = ldtest::ChildProcess::start({programs.install(LD_HELPER, "helper", false)}, -1, stream.fileDescriptor());
   EXPECT_EQ(process.readAll(5000),
             "quillfern-local-domain-listener: the activated socket is not a listening AF_UNIX SOCK_SEQPACKET socket\n");
   EXPECT_EQ(process.wait(5000), 1);
