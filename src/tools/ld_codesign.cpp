@@ -169,6 +169,10 @@ int main(int argc, char** argv) {
     const auto arguments = parse(argc, argv, {}, &problem);
     return arguments ? display(*arguments) : usageError(problem);
   }
+  if (command == "--version") {
+    std::fputs("ld-codesign " LD_VERSION "\n", stdout);
+    return 0;
+  }
   if (command == "--help" || command == "-h" || command == "help") {
     std::cout << kUsage;
     return 0;
