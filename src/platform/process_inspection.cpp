@@ -177,8 +177,11 @@ std::optional<LDMount> LDFindMount(int processDirectory, uint64_t mountId) {
         return std::nullopt;
       }
       mount.fileSystemType = std::string(fields[separator + 1]);
-      const std::string options = "," + std::string(fields[5]) + ",";
-      mount.noSetId = options.find(",nosuid,") != std::string::npos;
+      for (size_t at = 0; at <= fields[5].size();) {
+        const size_t comma = std::min(fields[5].find(',', at), fields[5].size());
+        mount.noSetId = mount.noSetId || fields[5].substr(at, comma - at) == "nosuid";
+        at = comma + 1;
+      }
       return mount;
     }
     pending.erase(0, start);
