@@ -1,7 +1,7 @@
 // How long a legitimate client waits for its transfer while hostile peers keep the helper's
 // admission as busy as they can, as root in a private network namespace.
 //
-//   hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE]]
+//   hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE]]]
 //
 // CLIENT is the signed transfer_client installed set-group-ID, as an application is. Each hostile
 // peer runs that very client, the one program a keyless user can get admitted that far, again
@@ -9,6 +9,9 @@
 // check and the descriptor scan up to its limit before it refuses. The helper is restarted as
 // soon as it exits, the way systemd starts it while connections wait. Prints the legitimate
 // transfer time (the client's connect to its exit) with and without the hostile peers, in ms.
+// With NICE, the hostile peers' own processes run at that nice value: on 2 cores, 20 processes
+// that fork and exec as fast as they can slow everything down, helper or not; niced, what is
+// left of the delay is what the helper's admission of them costs the legitimate client.
 
 #include <fcntl.h>
 #include <grp.h>
@@ -17,6 +20,7 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -66,9 +70,10 @@ pid_t startHelper(const std::string& helper, int listening) {
 }
 
 // Runs the client with 1030 inherited descriptors, over and over, until killed.
-pid_t startHostilePeer(const std::string& client, const std::string& socket) {
+pid_t startHostilePeer(const std::string& client, const std::string& socket, int nice) {
   const pid_t peer = ::fork();
   if (peer != 0) return peer;
+  ::setpriority(PRIO_PROCESS, 0, nice);
   becomeNobody();
   const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
   for (;;) {
@@ -126,6 +131,7 @@ int main(int argc, char** argv) {
   const std::string helper = argv[1], client = argv[2], socket = std::string(argv[3]) + "/hostile.sock";
   const int rounds = argc > 4 ? std::atoi(argv[4]) : 200;
   const int hostile = argc > 5 ? std::atoi(argv[5]) : 20;
+  const int nice = argc > 6 ? std::atoi(argv[6]) : 0;
   if (::unshare(CLONE_NEWNET) != 0) die("unshare(CLONE_NEWNET) needs root");
   const int up = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   ifreq request{};
@@ -149,7 +155,7 @@ int main(int argc, char** argv) {
     quiet.push_back(legitimateTransfer(client, socket, helper, listening.fileDescriptor(), &helperPid));
   }
   std::vector<pid_t> peers;
-  for (int i = 0; i < hostile; ++i) peers.push_back(startHostilePeer(client, socket));
+  for (int i = 0; i < hostile; ++i) peers.push_back(startHostilePeer(client, socket, nice));
   ::usleep(500'000);  // let the flood build up
   for (int i = 0; i < rounds; ++i) {
     underAttack.push_back(legitimateTransfer(client, socket, helper, listening.fileDescriptor(), &helperPid));
@@ -157,6 +163,7 @@ int main(int argc, char** argv) {
   for (const pid_t peer : peers) ::kill(peer, SIGKILL);
   ::kill(helperPid, SIGKILL);
   report("legitimate transfer, quiet", quiet);
-  report(("legitimate transfer, " + std::to_string(hostile) + " hostile peers").c_str(), underAttack);
+  report(("legitimate transfer, " + std::to_string(hostile) + " hostile peers, nice " + std::to_string(nice)).c_str(),
+         underAttack);
   return 0;
 }
