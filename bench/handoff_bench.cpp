@@ -39,18 +39,12 @@
 #include "shared/loopback_listeners.h"
 #include "tools/code_signer.h"
 
+#include "bench_support.h"
+
 namespace {
 
-int64_t now() {
-  timespec t{};
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec;
-}
-
-[[noreturn]] void die(const std::string& why) {
-  std::fprintf(stderr, "handoff_bench: %s\n", why.c_str());
-  std::exit(1);
-}
+using ldbench::die;
+using ldbench::now;
 
 struct Stats {
   std::vector<double> values;  // microseconds
@@ -89,22 +83,6 @@ LDFileHandle listenAt(const std::string& path) {
   return socket;
 }
 
-// The helper, started the way systemd starts it once a connection is waiting.
-pid_t activateHelper(const std::string& helper, int listening) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    const int target = 3;
-    if (!LDPlaceDescriptorsForExec(&listening, &target, 1)) ::_exit(125);
-    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-    ::setenv("LISTEN_FDS", "1", 1);
-    const int null = ::open("/dev/null", O_WRONLY);
-    ::dup2(null, 1);
-    ::execl(helper.c_str(), helper.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  return child;
-}
-
 // Waits for pid; its exit status, and its peak RSS in KiB through *rss.
 int reap(pid_t pid, long* rss = nullptr) {
   int status = 0;
@@ -133,7 +111,7 @@ double coldTransfer(const std::string& helper, const std::string& client, int li
   ::close(output[1]);
   pollfd waiting{listening, POLLIN, 0};
   if (::poll(&waiting, 1, 10000) != 1) die("no client connected");
-  const pid_t helperPid = activateHelper(helper, listening);
+  const pid_t helperPid = ldbench::activateHelper(helper, listening, true);
   const int helperStatus = reap(helperPid, rss);
   const int64_t end = now();
   char text[64] = {};
@@ -232,7 +210,7 @@ void warmRoundTrips(const std::string& helper, const std::string& work, int coun
     (void)!::write(go[1], "g", 1);
     pollfd waiting{listening.fileDescriptor(), POLLIN, 0};
     if (::poll(&waiting, 1, 10000) != 1) die("the warm client did not connect");
-    if (reap(activateHelper(helper, listening.fileDescriptor())) != 0) die("the helper did not exit 0");
+    if (reap(ldbench::activateHelper(helper, listening.fileDescriptor(), true)) != 0) die("the helper did not exit 0");
   }
   ::close(go[1]);
   FILE* lines = ::fdopen(results[0], "r");

@@ -35,38 +35,17 @@
 #include <string>
 #include <vector>
 
-#include "shared/file_handle.h"
+#include "bench_support.h"
 
 namespace {
 
-int64_t now() {
-  timespec t{};
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec;
-}
-
-[[noreturn]] void die(const std::string& why) {
-  std::fprintf(stderr, "hostile_admission: %s\n", why.c_str());
-  std::exit(1);
-}
+using ldbench::die;
+using ldbench::now;
 
 void becomeNobody() {
   if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) {
     ::_exit(126);
   }
-}
-
-pid_t startHelper(const std::string& helper, int listening) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    const int target = 3;
-    if (!LDPlaceDescriptorsForExec(&listening, &target, 1)) ::_exit(125);
-    ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
-    ::setenv("LISTEN_FDS", "1", 1);
-    ::execl(helper.c_str(), helper.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  return child;
 }
 
 // Runs the client with 1030 inherited descriptors, over and over, until killed.
@@ -113,7 +92,7 @@ double legitimateTransfer(const std::string& client, const std::string& socket, 
   ::close(output[0]);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || got <= 0) die("a legitimate transfer failed");
   ::waitpid(*helperPid, &status, 0);
-  *helperPid = startHelper(helper, listening);
+  *helperPid = ldbench::activateHelper(helper, listening, false);
   return static_cast<double>(end - std::atoll(text)) / 1e6;
 }
 
@@ -149,7 +128,7 @@ int main(int argc, char** argv) {
       ::chmod(socket.c_str(), 0666) != 0 || ::listen(listening.fileDescriptor(), SOMAXCONN) != 0) {
     die("cannot listen at " + socket);
   }
-  pid_t helperPid = startHelper(helper, listening.fileDescriptor());
+  pid_t helperPid = ldbench::activateHelper(helper, listening.fileDescriptor(), false);
   std::vector<double> quiet, underAttack;
   for (int i = 0; i < rounds / 4; ++i) {
     quiet.push_back(legitimateTransfer(client, socket, helper, listening.fileDescriptor(), &helperPid));
