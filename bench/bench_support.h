@@ -4,12 +4,19 @@
 // systemd does once a connection is waiting.
 
 #include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "shared/file_handle.h"
@@ -25,6 +32,32 @@ inline int64_t now() {
 [[noreturn]] inline void die(const std::string& why) {
   std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, why.c_str());
   std::exit(1);
+}
+
+// Enters a private network namespace with loopback up, where port 80 is free.
+inline void bringLoopbackUp() {
+  if (::unshare(CLONE_NEWNET) != 0) die("unshare(CLONE_NEWNET) needs root");
+  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request{};
+  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
+  if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0) die("SIOCGIFFLAGS");
+  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+  if (::ioctl(fd, SIOCSIFFLAGS, &request) != 0) die("SIOCSIFFLAGS");
+  ::close(fd);
+}
+
+// A listening AF_UNIX SOCK_SEQPACKET socket at path, mode 0666, as the socket unit makes it.
+inline LDFileHandle listenAt(const std::string& path, int backlog) {
+  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ::unlink(path.c_str());
+  if (::bind(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::chmod(path.c_str(), 0666) != 0 || ::listen(socket.fileDescriptor(), backlog) != 0) {
+    die("cannot listen at " + path);
+  }
+  return socket;
 }
 
 // The helper with `listening` as its activated socket (descriptor 3, LISTEN_PID, LISTEN_FDS).

@@ -59,29 +59,7 @@ struct Stats {
   double p99() const { return quantile(0.99); }
 };
 
-void bringLoopbackUp() {
-  if (::unshare(CLONE_NEWNET) != 0) die("unshare(CLONE_NEWNET) needs root");
-  const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ifreq request{};
-  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
-  if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0) die("SIOCGIFFLAGS");
-  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
-  if (::ioctl(fd, SIOCSIFFLAGS, &request) != 0) die("SIOCSIFFLAGS");
-  ::close(fd);
-}
-
-LDFileHandle listenAt(const std::string& path) {
-  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  ::unlink(path.c_str());
-  if (::bind(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::chmod(path.c_str(), 0666) != 0 || ::listen(socket.fileDescriptor(), 16) != 0) {
-    die("cannot listen at " + path);
-  }
-  return socket;
-}
+using ldbench::bringLoopbackUp;
 
 // Waits for pid; its exit status, and its peak RSS in KiB through *rss.
 int reap(pid_t pid, long* rss = nullptr) {
@@ -189,7 +167,7 @@ void warmClientRound(const std::string& socketPath) {
 // warm client (WORKDIR/warm_client) and tells the client when the previous helper has gone.
 void warmRoundTrips(const std::string& helper, const std::string& work, int count, Stats& request, Stats& complete) {
   const std::string socketPath = work + "/warm.sock";
-  LDFileHandle listening = listenAt(socketPath);
+  LDFileHandle listening = ldbench::listenAt(socketPath, 16);
   int go[2], results[2];
   if (::pipe2(go, O_CLOEXEC) != 0 || ::pipe2(results, O_CLOEXEC) != 0) die("pipe2");
   const pid_t child = ::fork();
@@ -355,7 +333,7 @@ int main(int argc, char** argv) {
   if (!identity) die(error);
 
   const std::string socketPath = work + "/helper.sock";
-  LDFileHandle listening = listenAt(socketPath);
+  LDFileHandle listening = ldbench::listenAt(socketPath, 16);
   long rss = 0, peakRss = 0;
   Stats cold, floorStats, warmRequest, warmComplete;
   for (int i = 0; i < 10; ++i) (void)coldTransfer(helper, client, listening.fileDescriptor(), socketPath, &rss);  // warm-up
@@ -378,7 +356,7 @@ int main(int argc, char** argv) {
     double verify = 0, openssl = 0;
   };
   std::vector<BySize> sizes = {{1, {}}, {16, {}}, {128, {}}};
-  LDFileHandle sizedListening = listenAt(socketPath);
+  LDFileHandle sizedListening = ldbench::listenAt(socketPath, 16);
   for (BySize& row : sizes) {
     const std::string padded = paddedClient(client, work, row.mebibytes << 20, *identity);
     const int rounds = row.mebibytes >= 128 ? 10 : 30;

@@ -15,15 +15,10 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <net/if.h>
 #include <signal.h>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -31,7 +26,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -111,23 +105,9 @@ int main(int argc, char** argv) {
   const int rounds = argc > 4 ? std::atoi(argv[4]) : 200;
   const int hostile = argc > 5 ? std::atoi(argv[5]) : 20;
   const int nice = argc > 6 ? std::atoi(argv[6]) : 0;
-  if (::unshare(CLONE_NEWNET) != 0) die("unshare(CLONE_NEWNET) needs root");
-  const int up = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ifreq request{};
-  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
-  request.ifr_flags = IFF_UP;
-  if (::ioctl(up, SIOCSIFFLAGS, &request) != 0) die("lo up");
-  ::close(up);
-
-  LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
-  ::unlink(socket.c_str());
-  if (::bind(listening.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::chmod(socket.c_str(), 0666) != 0 || ::listen(listening.fileDescriptor(), SOMAXCONN) != 0) {
-    die("cannot listen at " + socket);
-  }
+  ldbench::bringLoopbackUp();
+  // As deep as systemd's default backlog, so the flood queues rather than blocks.
+  LDFileHandle listening = ldbench::listenAt(socket, SOMAXCONN);
   pid_t helperPid = ldbench::activateHelper(helper, listening.fileDescriptor(), false);
   std::vector<double> quiet, underAttack;
   for (int i = 0; i < rounds / 4; ++i) {

@@ -65,12 +65,13 @@ std::optional<uint64_t> networkNamespaceCookie(int fd) {
   return cookie;
 }
 
-// The listener is the expected one and lives in the same network namespace as `own`: a helper
+// The listener is the expected one and lives in this process's network namespace: a helper
 // impostor in a namespace of its own could otherwise hand over listeners nobody else reaches.
-bool validateListener(int fd, const LDListenerEndpoint& expected, int own, std::optional<LDError>* invalid) {
+bool validateListener(int fd, const LDListenerEndpoint& expected, std::optional<uint64_t> ownNamespace,
+                      std::optional<LDError>* invalid) {
   if (!LDLoopbackListeners::validateReceivedFileDescriptor(fd, expected, invalid)) return false;
   const std::optional<uint64_t> theirs = networkNamespaceCookie(fd);
-  if (!theirs || theirs != networkNamespaceCookie(own)) {
+  if (!theirs || theirs != ownNamespace) {
     *invalid = problem("Received " + expected.description() + " belongs to another network namespace");
     return false;
   }
@@ -242,7 +243,7 @@ std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& opt
 
   LDAcquiredListeners listeners{std::move(answer->descriptors[0]), std::move(answer->descriptors[1])};
   std::optional<LDError> invalid;
-  const int own = socket.fileDescriptor();
+  const std::optional<uint64_t> own = networkNamespaceCookie(socket.fileDescriptor());
   const bool accepted =
       validateListener(listeners.ipv4.fileDescriptor(), LDListenerEndpoint(AF_INET, "127.0.0.1", options.port), own,
                        &invalid) &&

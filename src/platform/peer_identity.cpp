@@ -185,10 +185,10 @@ std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, uint64_t acceptedAfter, co
   std::string problem = executableProblem(process, *executable, policy.requireSecureExecution);
   if (problem.empty() && policy.requireSecureExecution) {
     peer.applicationGroup = executable->group;
-    const std::optional<LDProcessGroups> groups = LDReadProcessGroups(process);
     if (credentials.gid != executable->group) {
       problem = "the peer did not connect with its executable's group";
     } else {
+      const std::optional<LDProcessGroups> groups = LDReadProcessGroups(process);
       problem = groups ? groupProblem(*groups, executable->group) : "the peer's groups cannot be read";
     }
   }
