@@ -3,45 +3,23 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "client/listener_client.h"
 #include "platform/socket_activation.h"
 #include "shared/code_signature.h"
+#include "support/descriptors.h"
 #include "support/helper_harness.h"
-#include "support/process.h"
 #include "support/test_pki.h"
 
 namespace {
 
-sockaddr_un addressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  return address;
-}
-
-// A seqpacket socket bound at path; listening unless backlog is negative.
-LDFileHandle bindAt(const std::string& path, int backlog) {
-  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = addressOf(path);
-  EXPECT_EQ(::bind(socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  EXPECT_TRUE(backlog < 0 || ::listen(socket.fileDescriptor(), backlog) == 0);
-  return socket;
-}
-
-LDFileHandle connectTo(const std::string& path) {
-  LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = addressOf(path);
-  EXPECT_EQ(::connect(socket.fileDescriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  return socket;
-}
+using ldtest::Seqpacket;
+using ldtest::seqpacketSocket;
 
 TEST(HelperStartup, RefusesToRunWithoutRootOrSocketActivationWhateverItsArguments) {
   ldtest::ProgramDirectory programs;
@@ -74,14 +52,15 @@ TEST(HelperStartup, WithoutATeamItClosesTheWaitingConnectionsSoSystemdCannotSpin
   // The listening socket stays open here as systemd keeps it: a waiting connection ends only if
   // the helper accepted and closed it.
   const std::string path = programs.file("helper.sock");
-  const LDFileHandle listening = bindAt(path, 8);
-  const LDFileHandle first = connectTo(path), second = connectTo(path);
+  const LDFileHandle listening = seqpacketSocket(path, Seqpacket::listening);
+  const LDFileHandle first = seqpacketSocket(path, Seqpacket::connected);
+  const LDFileHandle second = seqpacketSocket(path, Seqpacket::connected);
 
-  auto process = ldtest::ChildProcess::start({unsignedHelper}, -1, listening.fileDescriptor());
-  EXPECT_EQ(process.readAll(5000),
+  const auto result = ldtest::ChildProcess::start({unsignedHelper}, -1, listening.fileDescriptor()).finish();
+  EXPECT_EQ(result.standardError,
             "quillfern-local-domain-listener: This build carries no Team ID; it is unsigned or ad-hoc "
             "signed, so the privileged listener peers cannot authenticate each other\n");
-  EXPECT_EQ(process.wait(5000), 1);
+  EXPECT_EQ(result.exitStatus, 1);
   for (const LDFileHandle* waiting : {&first, &second}) {
     pollfd entry{waiting->fileDescriptor(), POLLIN, 0};
     EXPECT_EQ(::poll(&entry, 1, 0), 1) << "closed by the helper";
@@ -108,16 +87,17 @@ TEST(ServiceSocket, ActivationIsTakenOnlyWhenItNamesThisProcess) {
 TEST(ServiceSocket, ActivatedDescriptorMustBeAListeningSeqpacketSocket) {
   ldtest::ProgramDirectory programs;
   const LDFileHandle stream(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  auto process = ldtest::ChildProcess::start({programs.install(LD_HELPER, "helper", false)}, -1, stream.fileDescriptor());
-  EXPECT_EQ(process.readAll(5000),
+  const auto result =
+      ldtest::ChildProcess::start({programs.install(LD_HELPER, "helper", false)}, -1, stream.fileDescriptor()).finish();
+  EXPECT_EQ(result.standardError,
             "quillfern-local-domain-listener: the activated socket is not a listening AF_UNIX SOCK_SEQPACKET socket\n");
-  EXPECT_EQ(process.wait(5000), 1);
+  EXPECT_EQ(result.exitStatus, 1);
 }
 
 TEST(Client, SaysWhatToDoWhenNothingListens) {
   ldtest::TemporaryDirectory directory;
   const std::string stale = directory.file("stale.sock");
-  bindAt(stale, -1);  // closed at once: its file stays, nobody listens
+  seqpacketSocket(stale, Seqpacket::bound);  // closed at once: its file stays, nobody listens
   const std::string byHand = "systemd-socket-activate --seqpacket -l ";
   const std::string helper = " /path/to/quillfern-local-domain-listener.";
   const std::string service = LDServiceSocketPath();

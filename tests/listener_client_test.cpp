@@ -7,19 +7,18 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 
 #include "client/listener_client.h"
 #include "platform/seqpacket.h"
 #include "platform/wire.h"
 #include "shared/loopback_listeners.h"
+#include "support/descriptors.h"
 #include "support/network_namespace.h"
 #include "support/test_pki.h"
 
@@ -54,14 +53,7 @@ enum class Fault { otherNamespace, swapped, tooManyFiles };
 std::string handOverWith(Fault fault, const std::string& expectedError) {
   ldtest::TemporaryDirectory directory;
   const std::string path = directory.file("helper.sock");
-  LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (::bind(listening.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(listening.fileDescriptor(), 1) != 0) {
-    return "cannot listen";
-  }
+  const LDFileHandle listening = ldtest::seqpacketSocket(path, ldtest::Seqpacket::listening);
   auto pair = LDLoopbackListeners::initWithPort(80);
   LDFileHandle ipv4, ipv6;
   if (!pair || !pair->duplicateIntoIPv4(ipv4, ipv6)) return "no listener pair";

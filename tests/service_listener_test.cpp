@@ -1,28 +1,20 @@
 // The helper's listener and run loop on real sockets, with admission and epoll replaced where a
 // test must make them slow or fail.
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <future>
 
 #include "helper/service_listener.h"
+#include "support/descriptors.h"
 #include "support/test_pki.h"
 
 namespace {
-
-int connectTo(const std::string& path) {
-  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ? fd : -1;
-}
 
 class Greeter final : public LDServiceListenerDelegate {
  public:
@@ -42,12 +34,8 @@ std::string seen(int fd) {
 TEST(ServiceListener, APeerStuckInAdmissionIsDroppedAtItsDeadlineWhileOthersAreServed) {
   ldtest::TemporaryDirectory directory;
   const std::string path = directory.file("helper.sock");
-  LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(listening.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(listening.fileDescriptor(), 8), 0);
+  LDFileHandle listening = ldtest::seqpacketSocket(path, ldtest::Seqpacket::listening);
+  ASSERT_EQ(::fcntl(listening.fileDescriptor(), F_SETFL, O_NONBLOCK), 0);  // as the helper makes it
 
   std::promise<void> release, stuckReturned;
   std::atomic<bool> stuckStarted{false};
@@ -72,13 +60,12 @@ TEST(ServiceListener, APeerStuckInAdmissionIsDroppedAtItsDeadlineWhileOthersAreS
   listener->setDelegate(&greeter);
   listener->activate();
 
-  LDFileHandle stuck(connectTo(path)), served;
-  ASSERT_TRUE(stuck.isValid());
+  LDFileHandle stuck = ldtest::seqpacketSocket(path, ldtest::Seqpacket::connected), served;
   // Bounded; it ends as soon as both clients have their answer. The second
   // client connects once the first one's admission is under way.
   const int64_t giveUp = LDRunLoop::now() + 2'000'000'000;
   std::function<void()> check = [&] {
-    if (stuckStarted && !served.isValid()) served.reset(connectTo(path));
+    if (stuckStarted && !served.isValid()) served = ldtest::seqpacketSocket(path, ldtest::Seqpacket::connected);
     if ((seen(stuck.fileDescriptor()) == "closed" && seen(served.fileDescriptor()) == "hello") ||
         LDRunLoop::now() > giveUp) {
       loop.stop();

@@ -4,6 +4,8 @@
 #include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -38,31 +40,47 @@ std::string descriptorDifference(const std::set<int>& before, const std::set<int
   return difference;
 }
 
-LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening, bool v6only) {
-  LDFileHandle fd(::socket(family, type, 0));
-  if (family == AF_INET6) {
-    const int option = v6only ? 1 : 0;
-    ::setsockopt(fd.fileDescriptor(), IPPROTO_IPV6, IPV6_V6ONLY, &option, sizeof option);
-  }
-  sockaddr_storage storage{};
-  socklen_t length;
+socklen_t loopbackAddress(int family, uint16_t port, sockaddr_storage* storage) {
+  *storage = {};
   if (family == AF_INET) {
-    auto* address = reinterpret_cast<sockaddr_in*>(&storage);
+    auto* address = reinterpret_cast<sockaddr_in*>(storage);
     address->sin_family = AF_INET;
     address->sin_port = htons(port);
     address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    length = sizeof(sockaddr_in);
-  } else {
-    auto* address = reinterpret_cast<sockaddr_in6*>(&storage);
-    address->sin6_family = AF_INET6;
-    address->sin6_port = htons(port);
-    address->sin6_addr = in6addr_loopback;
-    length = sizeof(sockaddr_in6);
+    return sizeof(sockaddr_in);
   }
+  auto* address = reinterpret_cast<sockaddr_in6*>(storage);
+  address->sin6_family = AF_INET6;
+  address->sin6_port = htons(port);
+  address->sin6_addr = in6addr_loopback;
+  return sizeof(sockaddr_in6);
+}
+
+LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening) {
+  LDFileHandle fd(::socket(family, type, 0));
+  const int on = 1;
+  if (family == AF_INET6) ::setsockopt(fd.fileDescriptor(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  sockaddr_storage storage;
+  const socklen_t length = loopbackAddress(family, port, &storage);
   if (::bind(fd.fileDescriptor(), reinterpret_cast<sockaddr*>(&storage), length) != 0 ||
       (listening && ::listen(fd.fileDescriptor(), 8) != 0)) {
     throw std::runtime_error("cannot bind a loopback test socket at port " + std::to_string(port));
   }
+  return fd;
+}
+
+LDFileHandle seqpacketSocket(const std::string& path, Seqpacket what) {
+  LDFileHandle fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  const bool done = what == Seqpacket::connected
+                        ? ::connect(fd.fileDescriptor(), generic, sizeof address) == 0
+                        : ::bind(fd.fileDescriptor(), generic, sizeof address) == 0 &&
+                              (what == Seqpacket::bound ||
+                               (::chmod(path.c_str(), 0666) == 0 && ::listen(fd.fileDescriptor(), 16) == 0));
+  if (!done) throw std::runtime_error("seqpacket socket at " + path + ": " + std::strerror(errno));
   return fd;
 }
 

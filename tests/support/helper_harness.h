@@ -1,15 +1,14 @@
 #pragma once
 
 // Real processes for end-to-end tests, run inside a private network namespace: the helper
-// started the way systemd starts it (a listening socket as descriptor 3, LISTEN_PID and
-// LISTEN_FDS), clients installed root-owned in a directory anyone may run from, signed or not.
+// started the way systemd starts it, clients installed root-owned in a directory anyone may run
+// from, signed or not.
 
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
-#include <vector>
 
+#include "support/process.h"
 #include "support/test_pki.h"
 
 namespace ldtest {
@@ -25,7 +24,6 @@ class ProgramDirectory {
   // group as an application is installed, or 0755 with group root.
   std::string install(const std::string& source, const std::string& name, bool setGroupId = true);
   std::string file(const std::string& name) const { return _directory.file(name); }
-  const std::string& path() const { return _directory.path(); }
 
  private:
   TemporaryDirectory _directory;
@@ -35,40 +33,10 @@ class ProgramDirectory {
 // otherwise why not.
 std::string signWithBuildIdentity(const std::string& path, const std::string& identifier);
 
-// A child process with pipes to its standard input and output; killed if still running when
-// destroyed.
-class ChildProcess {
- public:
-  // uid -1 keeps root. environment entries "NAME=value" are added to the child's.
-  static ChildProcess start(const std::vector<std::string>& argv, int uid = -1,
-                            int listeningSocket = -1);
-  ChildProcess(ChildProcess&& other) noexcept;
-  ~ChildProcess();
-
-  // The next line of output (without LF) within the time, or nullopt.
-  std::optional<std::string> readLine(int milliseconds);
-  // Everything the child wrote until it closed its output or the time ran out.
-  std::string readAll(int milliseconds);
-  void writeLine(const std::string& line);
-  // The exit status (128 + signal when killed), or -1 if still running after the time.
-  int wait(int milliseconds);
-  void kill();
-  pid_t pid() const { return _pid; }
-
- private:
-  ChildProcess() = default;
-  pid_t _pid = -1;
-  int _input = -1;
-  int _output = -1;
-  std::string _buffered;
-  bool _reaped = false;
-  int _status = -1;
-};
-
-// The helper, socket-activated on a fresh socket at socketPath (mode 0666).
+// The helper, socket-activated on a fresh socket at socketPath that anyone may connect to.
 ChildProcess startHelper(const std::string& helperPath, const std::string& socketPath);
 
 // GET / on address:port; the response body, or "error: ..." when there is none.
-std::string httpGet(const std::string& address, uint16_t port, int milliseconds = 3000);
+std::string httpGet(const std::string& address, uint16_t port);
 
 }  // namespace ldtest

@@ -4,14 +4,27 @@
 #include <grp.h>
 #include <poll.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <stdexcept>
+#include <utility>
+
+#include "platform/seqpacket.h"
 
 namespace ldtest {
 
-void execAs(const std::vector<std::string>& argv, int uid) {
+namespace {
+
+int64_t nowMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+[[noreturn]] void execAs(const std::vector<std::string>& argv, int uid) {
   std::vector<char*> arguments;
   for (const std::string& word : argv) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
@@ -19,8 +32,7 @@ void execAs(const std::vector<std::string>& argv, int uid) {
     const auto id = static_cast<uid_t>(uid);
     const passwd* user = ::getpwuid(id);
     const gid_t group = user ? user->pw_gid : static_cast<gid_t>(uid);
-    if (::setgroups(0, nullptr) != 0 || ::setresgid(group, group, group) != 0 ||
-        ::setresuid(id, id, id) != 0) {
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(group, group, group) != 0 || ::setresuid(id, id, id) != 0) {
       ::_exit(126);
     }
   }
@@ -28,39 +40,111 @@ void execAs(const std::vector<std::string>& argv, int uid) {
   ::_exit(127);
 }
 
-ProcessResult runProgram(const std::vector<std::string>& argv, int runAsUid) {
-  int out[2], err[2];
-  if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+}  // namespace
+
+ChildProcess ChildProcess::start(const std::vector<std::string>& argv, int uid, int listeningSocket) {
+  int input[2], output[2], error[2];
+  if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0 || ::pipe2(error, O_CLOEXEC) != 0) {
+    throw std::runtime_error("pipe2");
+  }
   const pid_t child = ::fork();
   if (child < 0) throw std::runtime_error("fork");
   if (child == 0) {
-    ::dup2(out[1], 1);
-    ::dup2(err[1], 2);
-    execAs(argv, runAsUid);
+    ::dup2(input[0], 0);
+    ::dup2(output[1], 1);
+    ::dup2(error[1], 2);
+    if (listeningSocket >= 0) {
+      const int target = 3;
+      if (!LDPlaceDescriptorsForExec(&listeningSocket, &target, 1)) ::_exit(125);
+      ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+      ::setenv("LISTEN_FDS", "1", 1);
+    }
+    execAs(argv, uid);
   }
-  ::close(out[1]);
-  ::close(err[1]);
-  ProcessResult result{-1, "", ""};
-  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  int open = 2;
-  while (open > 0) {
-    if (::poll(fds, 2, -1) < 0) break;
+  for (const int end : {input[0], output[1], error[1]}) ::close(end);
+  ChildProcess process;
+  process._pid = child;
+  process._input = input[1];
+  process._output = output[0];
+  process._error = error[0];
+  return process;
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : _pid(std::exchange(other._pid, -1)),
+      _input(std::exchange(other._input, -1)),
+      _output(std::exchange(other._output, -1)),
+      _error(std::exchange(other._error, -1)),
+      _buffered(std::move(other._buffered)),
+      _reaped(other._reaped),
+      _status(other._status) {}
+
+ChildProcess::~ChildProcess() {
+  if (_pid > 0 && !_reaped) {
+    ::kill(_pid, SIGKILL);
+    wait(5000);
+  }
+  for (const int fd : {_input, _output, _error}) {
+    if (fd >= 0) ::close(fd);
+  }
+}
+
+std::optional<std::string> ChildProcess::readLine(int milliseconds) {
+  const int64_t deadline = nowMilliseconds() + milliseconds;
+  for (;;) {
+    const size_t end = _buffered.find('\n');
+    if (end != std::string::npos) {
+      std::string line = _buffered.substr(0, end);
+      _buffered.erase(0, end + 1);
+      return line;
+    }
+    const int64_t left = deadline - nowMilliseconds();
+    pollfd entry{_output, POLLIN, 0};
+    if (left <= 0 || ::poll(&entry, 1, static_cast<int>(left)) != 1) return std::nullopt;
+    char buffer[4096];
+    const ssize_t got = ::read(_output, buffer, sizeof buffer);
+    if (got <= 0) return std::nullopt;
+    _buffered.append(buffer, static_cast<size_t>(got));
+  }
+}
+
+void ChildProcess::writeLine(const std::string& line) {
+  const std::string text = line + "\n";
+  (void)::write(_input, text.data(), text.size());
+}
+
+int ChildProcess::wait(int milliseconds) {
+  if (_reaped) return _status;
+  const int64_t deadline = nowMilliseconds() + milliseconds;
+  for (;;) {
+    int status = 0;
+    if (::waitpid(_pid, &status, milliseconds < 0 ? 0 : WNOHANG) == _pid) {
+      _reaped = true;
+      _status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      return _status;
+    }
+    if (nowMilliseconds() >= deadline) return -1;
+    ::usleep(5000);
+  }
+}
+
+ProcessResult ChildProcess::finish() {
+  ::close(std::exchange(_input, -1));
+  ProcessResult result{-1, std::exchange(_buffered, ""), ""};
+  pollfd entries[2] = {{_output, POLLIN, 0}, {_error, POLLIN, 0}};
+  while ((entries[0].fd >= 0 || entries[1].fd >= 0) && ::poll(entries, 2, -1) > 0) {
     for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      if (entries[i].fd < 0 || entries[i].revents == 0) continue;
       char buffer[4096];
-      const ssize_t got = ::read(fds[i].fd, buffer, sizeof buffer);
-      if (got <= 0) {
-        ::close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
-      } else {
+      const ssize_t got = ::read(entries[i].fd, buffer, sizeof buffer);
+      if (got > 0) {
         (i == 0 ? result.standardOutput : result.standardError).append(buffer, static_cast<size_t>(got));
+      } else {
+        entries[i].fd = -1;
       }
     }
   }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.exitStatus = wait(-1);
   return result;
 }
 

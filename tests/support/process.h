@@ -1,7 +1,11 @@
 #pragma once
 
-// Runs a program to completion and collects what it printed.
+// Child processes for tests: run one to completion and collect what it printed, or start one and
+// talk to it line by line.
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,12 +17,38 @@ struct ProcessResult {
   std::string standardError;
 };
 
-// argv[0] is the program's path. When runAsUid is not -1 the child drops to that uid (and its
-// primary group) before exec.
-ProcessResult runProgram(const std::vector<std::string>& argv, int runAsUid = -1);
+// A child with pipes to its standard input, output and error; killed if still running when
+// destroyed. argv[0] is the program's path. When uid is not -1 the child drops to that uid (and
+// its primary group, no supplementary groups) before exec. A listening socket, when given, is
+// passed as systemd passes one: descriptor 3, with LISTEN_PID and LISTEN_FDS.
+class ChildProcess {
+ public:
+  static ChildProcess start(const std::vector<std::string>& argv, int uid = -1, int listeningSocket = -1);
+  ChildProcess(ChildProcess&& other) noexcept;
+  ~ChildProcess();
 
-// In a forked child: drops to uid (and its primary group, no supplementary groups) unless uid is
-// -1, then execs argv. Exits 126 if the identity cannot be changed, 127 if exec fails.
-[[noreturn]] void execAs(const std::vector<std::string>& argv, int uid);
+  // The next line of standard output (without LF) within the time, or nullopt.
+  std::optional<std::string> readLine(int milliseconds);
+  void writeLine(const std::string& line);
+  // The exit status (128 + signal when killed), or -1 if still running after the time.
+  int wait(int milliseconds);
+  // Closes standard input, then collects both outputs until the child closes them, and its status.
+  ProcessResult finish();
+  pid_t pid() const { return _pid; }
+
+ private:
+  ChildProcess() = default;
+  pid_t _pid = -1;
+  int _input = -1;
+  int _output = -1;
+  int _error = -1;
+  std::string _buffered;
+  bool _reaped = false;
+  int _status = -1;
+};
+
+inline ProcessResult runProgram(const std::vector<std::string>& argv, int uid = -1) {
+  return ChildProcess::start(argv, uid).finish();
+}
 
 }  // namespace ldtest
