@@ -51,13 +51,4 @@ TEST(UtilityQueue, DelaysAreNanosecondsTruncatedTowardZero) {
   EXPECT_EQ(LDDelayInNanoseconds(-0.5), -500'000'000);
 }
 
-TEST(UtilityQueue, DestructionDropsBlocksNotYetDue) {
-  Recorder recorder;
-  {
-    LDUtilityQueue queue;
-    queue.dispatchAfter(3'600'000'000'000, LDDispatchBlock::create([&] { recorder.record(1); }));
-  }
-  EXPECT_TRUE(recorder.waitFor(0).empty());
-}
-
 }  // namespace

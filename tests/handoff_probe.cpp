@@ -7,8 +7,6 @@
 //   handoff_probe hold PATH                                 request, wait for "go" on stdin, complete
 //   handoff_probe no-ack PATH                               request, never complete, wait for the end
 //   handoff_probe forked-sender PATH PROGRAM                a child running PROGRAM sends on our socket
-//   handoff_probe inherited-request FD                      send a request on an inherited socket
-//   handoff_probe request-and-sleep VERSION PATH            request, then never read anything
 //   handoff_probe connect-then-exec PATH PROGRAM            connect, then exec PROGRAM on the socket
 //   handoff_probe inherited-wait FD                         report what arrives on an inherited socket
 //   handoff_probe exec-after-hello PATH PROGRAM             greeted, then exec PROGRAM on the socket
@@ -165,28 +163,18 @@ int main(int argc, char** argv) {
     say(next(std::atoi(argv[2]), 3000));
     return 0;
   }
-  if (mode == "connect-then-exec" && argc >= 4) {
+  if ((mode == "connect-then-exec" || mode == "exec-after-hello") && argc >= 4) {
     const int fd = connectTo(argv[2]);
+    const bool greeted = mode == "exec-after-hello";
+    if (greeted) say(next(fd, 3000));
     const int target = 3;
     if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) return 125;
-    ::execl(argv[3], argv[3], "inherited-wait", "3", static_cast<char*>(nullptr));
-    return 127;
-  }
-  if (mode == "exec-after-hello" && argc >= 4) {
-    const int fd = connectTo(argv[2]);
-    say(next(fd, 3000));
-    const int target = 3;
-    if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) return 125;
-    ::execl(argv[3], argv[3], "inherited-ask", "3", static_cast<char*>(nullptr));
+    ::execl(argv[3], argv[3], greeted ? "inherited-ask" : "inherited-wait", "3", static_cast<char*>(nullptr));
     return 127;
   }
   if (mode == "inherited-ask") {
     sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
     say(next(std::atoi(argv[2]), 3000));
-    return 0;
-  }
-  if (mode == "inherited-request") {
-    sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
     return 0;
   }
   if (mode == "early" || mode == "garbage" || mode == "descriptors" || mode == "oversized") {
@@ -213,14 +201,6 @@ int main(int argc, char** argv) {
     if (greeting != "hello") return 0;
     sendMessage(fd, LDRequestMessage{std::atoll(argv[2])});
     say(next(fd, 3000));
-    return 0;
-  }
-  if (mode == "request-and-sleep" && argc >= 4) {
-    const int fd = connectTo(argv[3]);
-    say(next(fd, 3000));
-    sendMessage(fd, LDRequestMessage{std::atoll(argv[2])});
-    say("sent");
-    ::sleep(30);
     return 0;
   }
   if (mode == "hold" || mode == "no-ack") {
@@ -250,7 +230,7 @@ int main(int argc, char** argv) {
     if (child == 0) {
       const int target = 3;
       if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) ::_exit(125);
-      ::execl(argv[3], argv[3], "inherited-request", "3", static_cast<char*>(nullptr));
+      ::execl(argv[3], argv[3], "inherited-ask", "3", static_cast<char*>(nullptr));
       ::_exit(127);
     }
     int status = 0;

@@ -127,6 +127,8 @@ INSTANTIATE_TEST_SUITE_P(
         ScriptedCase{"CloseOnExecRecheckFails", AF_INET, "fcntl(F_GETFD)", 3, -1, EBADF, {}, {2, "FD_CLOEXEC is not set for $E", std::nullopt}},
         ScriptedCase{"CloseOnExecRecheckClear", AF_INET6, "fcntl(F_GETFD)", 3, 0, 0, {}, {2, "FD_CLOEXEC is not set for $E", std::nullopt}},
         ScriptedCase{"CloseOnExecCannotBeSet", AF_INET, "fcntl(F_SETFD)", 1, -1, EPERM, {}, {1, "fcntl(F_SETFD) failed: Operation not permitted (1)", EPERM}},
+        ScriptedCase{"AddressUnprintable", AF_INET, "inet_ntop", 1, -1, ENOSPC, {}, {1, "inet_ntop(IPv4) failed: No space left on device (28)", ENOSPC}},
+        ScriptedCase{"IPv6AddressUnprintable", AF_INET6, "inet_ntop", 1, -1, ENOSPC, {}, {1, "inet_ntop(IPv6) failed: No space left on device (28)", ENOSPC}},
         ScriptedCase{"SocketTypeUnreadable", AF_INET, "getsockopt(SO_TYPE)", 1, -1, ENOBUFS, {}, {1, "getsockopt(3) failed: No buffer space available (105)", ENOBUFS}},
         ScriptedCase{"NotAStreamSocket", AF_INET, "getsockopt(SO_TYPE)", 1, 0, 0, SOCK_SEQPACKET, {2, "Received $E is not SOCK_STREAM", std::nullopt}},
         ScriptedCase{"V6OnlyUnreadable", AF_INET6, "getsockopt(IPV6_V6ONLY)", 1, -1, EINVAL, {}, {1, "getsockopt(26) failed: Invalid argument (22)", EINVAL}},
