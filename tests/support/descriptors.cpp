@@ -59,6 +59,7 @@ socklen_t loopbackAddress(int family, uint16_t port, sockaddr_storage* storage) 
 LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening) {
   LDFileHandle fd(::socket(family, type, 0));
   const int on = 1;
+  ::setsockopt(fd.fileDescriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (family == AF_INET6) ::setsockopt(fd.fileDescriptor(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   sockaddr_storage storage;
   const socklen_t length = loopbackAddress(family, port, &storage);

@@ -22,7 +22,8 @@ std::string descriptorDifference(const std::set<int>& before, const std::set<int
 socklen_t loopbackAddress(int family, uint16_t port, sockaddr_storage* storage);
 
 // A socket of the given family and type bound to the loopback address at port, listening when
-// asked, without close-on-exec (as a received descriptor may be). IPv6 sockets are IPv6-only.
+// asked, without close-on-exec (as a received descriptor may be). Reusing the address, as
+// the listener pair does; IPv6 sockets are IPv6-only.
 LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening);
 
 // A local seqpacket socket bound at path, also listening there for anyone, or connected to it.

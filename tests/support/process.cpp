@@ -89,7 +89,7 @@ ChildProcess::~ChildProcess() {
   }
 }
 
-std::optional<std::string> ChildProcess::readLine(int milliseconds) {
+std::string ChildProcess::readLine(int milliseconds) {
   const int64_t deadline = nowMilliseconds() + milliseconds;
   for (;;) {
     const size_t end = _buffered.find('\n');
@@ -100,10 +100,9 @@ std::optional<std::string> ChildProcess::readLine(int milliseconds) {
     }
     const int64_t left = deadline - nowMilliseconds();
     pollfd entry{_output, POLLIN, 0};
-    if (left <= 0 || ::poll(&entry, 1, static_cast<int>(left)) != 1) return std::nullopt;
     char buffer[4096];
-    const ssize_t got = ::read(_output, buffer, sizeof buffer);
-    if (got <= 0) return std::nullopt;
+    const ssize_t got = left > 0 && ::poll(&entry, 1, static_cast<int>(left)) == 1 ? ::read(_output, buffer, sizeof buffer) : 0;
+    if (got <= 0) return "(nothing)";
     _buffered.append(buffer, static_cast<size_t>(got));
   }
 }

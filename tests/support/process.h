@@ -5,7 +5,6 @@
 
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,8 +26,8 @@ class ChildProcess {
   ChildProcess(ChildProcess&& other) noexcept;
   ~ChildProcess();
 
-  // The next line of standard output (without LF) within the time, or nullopt.
-  std::optional<std::string> readLine(int milliseconds);
+  // The next line of standard output (without LF) within the time, or "(nothing)".
+  std::string readLine(int milliseconds);
   void writeLine(const std::string& line);
   // The exit status (128 + signal when killed), or -1 if still running after the time.
   int wait(int milliseconds);
