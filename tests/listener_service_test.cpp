@@ -23,22 +23,15 @@ using ldtest::ServiceHarness;
 // What one event answered: status and message of a reply (none for a timer), and whether a
 // request's reply carried the token and both handles.
 struct Answer {
-  std::optional<int64_t> status;
-  std::optional<std::string> message;
+  std::optional<int64_t> status = std::nullopt;
+  std::string message = "(none)";
   bool payload = false;
+  bool operator==(const Answer&) const = default;
 };
 
-// What a row expects; a null message means none.
-struct Expected {
-  std::optional<int64_t> status;
-  const char* message = nullptr;
-  bool payload = false;
-};
-
-void expectAnswer(const Answer& answer, const Expected& expected) {
-  EXPECT_EQ(answer.status, expected.status);
-  EXPECT_EQ(answer.message, expected.message ? std::optional<std::string>(expected.message) : std::nullopt);
-  EXPECT_EQ(answer.payload, expected.payload);
+void PrintTo(const Answer& answer, std::ostream* out) {
+  *out << (answer.status ? std::to_string(*answer.status) : "no reply") << " " << answer.message
+       << (answer.payload ? " with payload" : "");
 }
 
 // The transfer under way, for the event of a row.
@@ -54,11 +47,11 @@ Answer request(Fixture& f, int64_t version) {
   EXPECT_EQ(r.helperProcessIdentifier, getpid());
   const bool payload = r.token && r.ipv4Listener && r.ipv6Listener;
   EXPECT_TRUE(r.status == 0 ? payload : !(r.token || r.ipv4Listener || r.ipv6Listener)) << "payload only with status 0";
-  return {r.status, r.message, payload};
+  return {r.status, r.message.value_or("(none)"), payload};
 }
 Answer complete(Fixture& f, int64_t version, std::optional<std::string> token, bool accepted) {
   const auto [status, message] = f.harness.complete(version, token, accepted, &f.connection);
-  return {status, message, false};
+  return {status, message.value_or("(none)"), false};
 }
 Answer fireTimers(Fixture& f) {
   f.harness.queue.fireAll();
@@ -76,16 +69,16 @@ struct StateRow {
   const char* name;
   Start start;
   std::function<Answer(Fixture&)> event;
-  Expected expected;
+  Answer expected;
   LDListenerServiceState nextState;
   std::vector<int32_t> terminations;  // after every send barrier has run
   int originalsClosed;
 };
 
 const std::string kWrongToken(64, 'a');
-const Expected kBusy{4, "A listener transfer is already in progress"};
-const Expected kInvalid{7, "Invalid transfer acknowledgement"};
-const Expected kUnsupported{3, "Unsupported protocol version"};
+const Answer kBusy{4, "A listener transfer is already in progress"};
+const Answer kInvalid{7, "Invalid transfer acknowledgement"};
+const Answer kUnsupported{3, "Unsupported protocol version"};
 
 class StateTableTest : public testing::TestWithParam<StateRow> {};
 
@@ -112,7 +105,7 @@ TEST_P(StateTableTest, ReplyNextStateTerminationAndClosing) {
     if (row.start == Start::timedOut) harness.queue.fire(0);
     answer = row.event(event);
   }
-  expectAnswer(answer, row.expected);
+  EXPECT_EQ(answer, row.expected);
   EXPECT_EQ(harness.service->state(), row.nextState);
   EXPECT_EQ(harness.originalsClosed, row.originalsClosed);
   setupConnection.runBarriers();
@@ -128,11 +121,11 @@ std::string upper(std::string text) {
 INSTANTIATE_TEST_SUITE_P(
     Table, StateTableTest,
     testing::Values(
-        StateRow{"IdleRequest", Start::idle, [](Fixture& f) { return request(f, 1); }, {0, nullptr, true}, LDListenerServiceStateAwaitingAcknowledgement, {}, 0},
+        StateRow{"IdleRequest", Start::idle, [](Fixture& f) { return request(f, 1); }, {0, "(none)", true}, LDListenerServiceStateAwaitingAcknowledgement, {}, 0},
         StateRow{"IdleRequestVersion0", Start::idle, [](Fixture& f) { return request(f, 0); }, kUnsupported, LDListenerServiceStateFinished, {1}, 0},
         StateRow{"IdleRequestVersion2", Start::idle, [](Fixture& f) { return request(f, 2); }, kUnsupported, LDListenerServiceStateFinished, {1}, 0},
         StateRow{"IdleCompletion", Start::idle, [](Fixture& f) { return complete(f, 1, kWrongToken, true); }, kInvalid, LDListenerServiceStateFinished, {1}, 0},
-        StateRow{"IdleTimer", Start::idle, fireTimers, Expected{}, LDListenerServiceStateIdle, {}, 0},
+        StateRow{"IdleTimer", Start::idle, fireTimers, Answer{}, LDListenerServiceStateIdle, {}, 0},
         StateRow{"PreparingRequest", Start::preparing, [](Fixture& f) { return request(f, 1); }, kBusy, LDListenerServiceStateAwaitingAcknowledgement, {}, 0},
         // The completion finishes the service and asks for exit 1; the request then stores state
         // 2 regardless and replies 0, and the first termination status stands.
@@ -149,14 +142,14 @@ INSTANTIATE_TEST_SUITE_P(
         StateRow{"AwaitingNilToken", Start::awaiting, [](Fixture& f) { return complete(f, 1, std::nullopt, true); }, kInvalid, LDListenerServiceStateFinished, {1}, 1},
         StateRow{"AwaitingRightTokenVersion2", Start::awaiting, [](Fixture& f) { return complete(f, 2, f.token, true); }, kInvalid, LDListenerServiceStateFinished, {1}, 1},
         // No reply is pending, so the timer ends the process at once.
-        StateRow{"AwaitingTimer", Start::awaiting, fireTimers, Expected{}, LDListenerServiceStateFinished, {1}, 1},
+        StateRow{"AwaitingTimer", Start::awaiting, fireTimers, Answer{}, LDListenerServiceStateFinished, {1}, 1},
         StateRow{"TimedOutCompletion", Start::timedOut, [](Fixture& f) { return complete(f, 1, f.token, true); }, kInvalid, LDListenerServiceStateFinished, {1}, 1},
         StateRow{"FinishedRequest", Start::finished, [](Fixture& f) { return request(f, 1); }, kBusy, LDListenerServiceStateFinished, {0}, 1},
         // A late completion is invalid but cannot change the exit status already chosen.
         StateRow{"FinishedCompletion", Start::finished, [](Fixture& f) { return complete(f, 1, f.token, true); }, kInvalid, LDListenerServiceStateFinished, {0}, 1},
         // The completion cancelled the timer; firing it anyway, or as if it had already started, changes nothing.
-        StateRow{"FinishedTimer", Start::finished, fireTimers, Expected{}, LDListenerServiceStateFinished, {0}, 1},
-        StateRow{"FinishedTimerAlreadyStarted", Start::finished, fireTimersAlreadyStarted, Expected{}, LDListenerServiceStateFinished, {0}, 1}),
+        StateRow{"FinishedTimer", Start::finished, fireTimers, Answer{}, LDListenerServiceStateFinished, {0}, 1},
+        StateRow{"FinishedTimerAlreadyStarted", Start::finished, fireTimersAlreadyStarted, Answer{}, LDListenerServiceStateFinished, {0}, 1}),
     ldtest::CaseName());
 
 // ---- Time ----
@@ -171,28 +164,6 @@ TEST(ListenerServiceTime, TimersAreArmedWithExactDelaysAndTheCompletionCancelsTh
   EXPECT_EQ(entries[0].first, 10'000'000'000);
   EXPECT_EQ(entries[1].first, 2'000'000'000);
   EXPECT_TRUE(entries[0].second->isCancelled());
-}
-
-// The reply's send barrier and the fallback timer race to end the process; the first ends it, the
-// other then does nothing. Without a connection only the fallback can.
-TEST(ListenerServiceTime, BarrierOrFallbackWhicheverComesFirstEndsTheProcessOnce) {
-  for (const char* order : {"barrier first", "fallback first", "no connection"}) {
-    SCOPED_TRACE(order);
-    ServiceHarness harness(ldtest::freeLoopbackPort());
-    FakeConnection connection;
-    const bool withConnection = std::string(order) != "no connection";
-    harness.request(2, withConnection ? &connection : nullptr);
-    EXPECT_EQ(connection.barriers.size(), withConnection ? 1u : 0u);
-    ASSERT_EQ(harness.queue.size(), 1u);
-    EXPECT_TRUE(harness.terminations().empty()) << "nothing ends before the barrier or the fallback";
-    if (std::string(order) == "barrier first") {
-      connection.runBarriers();
-      EXPECT_TRUE(harness.queue.entries()[0].second->isCancelled());
-    }
-    harness.queue.fire(0);
-    connection.runBarriers();
-    EXPECT_EQ(harness.terminations(), (std::vector<int32_t>{1}));
-  }
 }
 
 TEST(ListenerServiceTime, FirstTerminationStatusWins) {
@@ -248,7 +219,7 @@ TEST_P(TransferFailureTest, RepliesWithTheFailureEndsWithOneAndLeavesNothingOpen
   ServiceHarness harness(ldtest::freeLoopbackPort(), systemCalls);
   FakeConnection connection;
   Fixture fixture{harness, connection, ""};
-  expectAnswer(request(fixture, 1), {row.status, row.message});
+  EXPECT_EQ(request(fixture, 1), (Answer{row.status, row.message}));
   EXPECT_EQ(harness.service->state(), LDListenerServiceStateFinished);
   EXPECT_EQ(harness.originalsClosed, row.originalsClosed);
   EXPECT_EQ(ldtest::descriptorDifference(before, ldtest::openDescriptors()), "") << "before the service is gone";

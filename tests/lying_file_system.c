@@ -55,17 +55,6 @@ static int readFile(const char* path, char* buffer, size_t length, off_t offset,
   return (int)length;
 }
 
-static int readDirectory(const char* path, void* buffer, fuse_fill_dir_t fill, off_t offset,
-                         struct fuse_file_info* info, enum fuse_readdir_flags flags) {
-  (void)path;
-  (void)offset;
-  (void)info;
-  (void)flags;
-  note("readdir");
-  fill(buffer, "app", NULL, 0, 0);
-  return 0;
-}
-
 int main(int argc, char** argv) {
   if (argc < 5) return 64;
   FILE* source = fopen(argv[1], "rb");
@@ -80,7 +69,7 @@ int main(int argc, char** argv) {
   logFile = fopen(argv[3], "a");
   if (logFile == NULL) return 73;
   static const struct fuse_operations operations = {
-      .getattr = getAttributes, .open = openFile, .read = readFile, .readdir = readDirectory};
+      .getattr = getAttributes, .open = openFile, .read = readFile};
   argv[3] = argv[0];  // fuse_main sees: program MOUNTPOINT [OPTIONS...]
   return fuse_main(argc - 3, argv + 3, &operations, NULL);
 }
