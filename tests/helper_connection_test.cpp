@@ -119,7 +119,7 @@ TEST(HelperConnection, DropsAClientThatBreaksTheProtocolAndClosesWhatItSent) {
 TEST(HelperConnection, AReplyThatCannotLeaveEndsOnlyThroughTheFallbackTimer) {
   for (const bool clientReads : {false, true}) {
     SCOPED_TRACE(clientReads ? "the client reads" : "the client never reads");
-    ldtest::ServiceHarness harness(0);
+    ldtest::ServiceHarness harness;
     Connection connection(harness.service, true);
     connection.helper->activate();
     connection.send(LDRequestMessage{2});  // answered "Unsupported protocol version", then exit 1

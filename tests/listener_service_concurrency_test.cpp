@@ -19,7 +19,7 @@ TEST(ListenerServiceConcurrency, OneTerminationWithTheFirstStatus) {
   constexpr size_t kClients = 8;
   for (int round = 0; round < 40; ++round) {
     SCOPED_TRACE(round);
-    ldtest::ServiceHarness harness(ldtest::freeLoopbackPort());
+    ldtest::ServiceHarness harness;
     std::vector<ldtest::FakeConnection> connections(kClients);
     std::vector<std::atomic<int64_t>> statuses(kClients);
     std::mutex tokenMutex;

@@ -85,7 +85,7 @@ class StateTableTest : public testing::TestWithParam<StateRow> {};
 TEST_P(StateTableTest, ReplyNextStateTerminationAndClosing) {
   const StateRow& row = GetParam();
   ScriptedSystemCalls systemCalls;
-  ServiceHarness harness(ldtest::freeLoopbackPort(), systemCalls);
+  ServiceHarness harness(systemCalls);
   FakeConnection setupConnection, eventConnection;
   Fixture event{harness, eventConnection, ""};
   Answer answer;
@@ -155,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- Time ----
 
 TEST(ListenerServiceTime, TimersAreArmedWithExactDelaysAndTheCompletionCancelsTheFirst) {
-  ServiceHarness harness(ldtest::freeLoopbackPort());
+  ServiceHarness harness;
   FakeConnection connection;
   const RequestReplyRecord issued = harness.request(1, &connection);
   harness.complete(1, issued.token, true, &connection);
@@ -167,7 +167,7 @@ TEST(ListenerServiceTime, TimersAreArmedWithExactDelaysAndTheCompletionCancelsTh
 }
 
 TEST(ListenerServiceTime, FirstTerminationStatusWins) {
-  ServiceHarness harness(ldtest::freeLoopbackPort());
+  ServiceHarness harness;
   FakeConnection first, second;
   harness.service->terminateAfterSendingReplyOn(&first, 1);
   harness.service->terminateAfterSendingReplyOn(&second, 0);
@@ -185,7 +185,7 @@ TEST(ListenerServiceTime, BlocksOutlivingTheServiceDoNothing) {
   std::vector<int32_t> terminations;
   ldtest::ManualDispatchQueue queue;
   {
-    auto service = LDListenerService::initWithPort(ldtest::freeLoopbackPort(), 10.0, 2.0, nullptr,
+    auto service = LDListenerService::initWithPort(LDListenerPort, 10.0, 2.0, nullptr,
                                                    [&](int32_t status) { terminations.push_back(status); }, queue);
     service->requestListenerTransferWithProtocolVersion(1, [](int64_t, int64_t, const auto&, const auto&, const auto&, int32_t, const auto&) {}, &connection);
     service->terminateAfterSendingReplyOn(&connection, 1);
@@ -216,7 +216,7 @@ TEST_P(TransferFailureTest, RepliesWithTheFailureEndsWithOneAndLeavesNothingOpen
   ScriptedSystemCalls systemCalls;
   systemCalls.script(row.call, row.occurrence, row.value, row.errorNumber);
   const auto before = ldtest::openDescriptors();
-  ServiceHarness harness(ldtest::freeLoopbackPort(), systemCalls);
+  ServiceHarness harness(systemCalls);
   FakeConnection connection;
   Fixture fixture{harness, connection, ""};
   EXPECT_EQ(request(fixture, 1), (Answer{row.status, row.message}));
@@ -242,12 +242,12 @@ INSTANTIATE_TEST_SUITE_P(
 
 // The reply hands over valid duplicates, and the acknowledgement closes only the originals.
 TEST(ListenerServiceTransfer, HandsOverValidDuplicatesAndClosesItsOriginalsOnAcknowledgement) {
-  const uint16_t port = ldtest::freeLoopbackPort();
+  const uint16_t port = LDListenerPort;
   const auto before = ldtest::openDescriptors();
   const LDListenerEndpoint endpoints[] = {{AF_INET, "127.0.0.1", port}, {AF_INET6, "::1", port}};
   LDListenerHandle handles[2];
   {
-    ServiceHarness harness(port);
+    ServiceHarness harness;
     FakeConnection connection;
     const RequestReplyRecord issued = harness.request(1, &connection);
     ASSERT_EQ(issued.status, 0);

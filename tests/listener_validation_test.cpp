@@ -40,7 +40,7 @@ class ValidationTest : public testing::TestWithParam<ValidationCase> {};
 
 TEST_P(ValidationTest, ChecksInOrderAndNeverClosesTheDescriptor) {
   const ValidationCase& c = GetParam();
-  const uint16_t port = ldtest::freeLoopbackPort();
+  const uint16_t port = LDListenerPort;
   std::vector<LDFileHandle> keep;
   int pipeEnds[2] = {-1, -1};
   switch (c.subject) {
@@ -103,7 +103,7 @@ class ScriptedValidationTest : public testing::TestWithParam<ScriptedCase> {};
 
 TEST_P(ScriptedValidationTest, ReportsTheScriptedFailure) {
   const ScriptedCase& c = GetParam();
-  const uint16_t port = ldtest::freeLoopbackPort();
+  const uint16_t port = LDListenerPort;
   LDFileHandle listener = ldtest::loopbackSocket(c.family, SOCK_STREAM, port, true);
   const LDListenerEndpoint expected(c.family, c.family == AF_INET ? "127.0.0.1" : "::1", port);
   ldtest::ScriptedSystemCalls systemCalls;
@@ -144,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
 // probe takes the first queued connection, whichever it is, and closes it: one of two is left.
 TEST(ValidateAccepting, ProbeTakesExactlyOneQueuedConnection) {
   for (const int family : {AF_INET, AF_INET6}) {
-    const uint16_t port = ldtest::freeLoopbackPort();
+    const uint16_t port = LDListenerPort;
     LDFileHandle listener = ldtest::loopbackSocket(family, SOCK_STREAM, port, true);
     const LDListenerEndpoint endpoint(family, family == AF_INET ? "127.0.0.1" : "::1", port);
     ASSERT_TRUE(LDLoopbackListeners::connectToEndpoint(endpoint));  // queued before the probe
@@ -162,10 +162,10 @@ TEST(ValidateAccepting, ProbeTakesExactlyOneQueuedConnection) {
 }
 
 TEST(ConnectToEndpoint, OutcomesAndTheirMessages) {
-  const uint16_t port = ldtest::freeLoopbackPort();
+  const uint16_t port = LDListenerPort;
   LDFileHandle listener4 = ldtest::loopbackSocket(AF_INET, SOCK_STREAM, port, true);
   LDFileHandle listener6 = ldtest::loopbackSocket(AF_INET6, SOCK_STREAM, port, true);
-  const uint16_t closedPort = ldtest::freeLoopbackPort();
+  const uint16_t closedPort = 81;  // nothing listens there
   struct Case {
     LDListenerEndpoint endpoint;
     ExpectedError expected;  // code 0: connects

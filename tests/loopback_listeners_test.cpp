@@ -39,7 +39,7 @@ void expectServes(int listener, const LDListenerEndpoint& endpoint) {
 }
 
 TEST(LoopbackListeners, PairIsCloseOnExecReusableIPv6OnlyAndItsDuplicatesOutliveTheOriginals) {
-  const uint16_t port = ldtest::freeLoopbackPort();
+  const uint16_t port = LDListenerPort;
   const auto before = openDescriptors();
   std::optional<LDError> error;
   auto listeners = LDLoopbackListeners::initWithPort(port, &error);
@@ -76,7 +76,7 @@ TEST(LoopbackListeners, PairIsCloseOnExecReusableIPv6OnlyAndItsDuplicatesOutlive
 TEST(LoopbackListeners, ConcurrentClosersCloseEachOriginalOnce) {
   for (int round = 0; round < 20; ++round) {
     const auto before = openDescriptors();
-    auto listeners = LDLoopbackListeners::initWithPort(ldtest::freeLoopbackPort());
+    auto listeners = LDLoopbackListeners::initWithPort(LDListenerPort);
     ASSERT_TRUE(listeners);
     EXPECT_FALSE(listeners->originalsAreClosed());
     const std::set<int> originals{listeners->ipv4FileDescriptor(), listeners->ipv6FileDescriptor()};
@@ -107,7 +107,7 @@ TEST(LoopbackListeners, ConcurrentClosersCloseEachOriginalOnce) {
 // when ::1 is the taken one, the IPv4 listener already made is closed again.
 TEST(LoopbackListeners, ATakenPortFailsWithAddressInUseAndLeavesNothingOpen) {
   for (const int family : {AF_INET, AF_INET6}) {
-    const uint16_t port = ldtest::freeLoopbackPort();
+    const uint16_t port = LDListenerPort;
     LDFileHandle holder = ldtest::loopbackSocket(family, SOCK_STREAM, port, true);
     const auto before = openDescriptors();
     std::optional<LDError> error;
@@ -137,7 +137,7 @@ TEST_P(InitFailureTest, ReportsTheFailingCallAndClosesEverything) {
     systemCalls.script(c.call, c.occurrence, c.value, c.errorNumber);
     const auto before = openDescriptors();
     std::optional<LDError> error;
-    EXPECT_FALSE(LDLoopbackListeners::initWithPort(ldtest::freeLoopbackPort(), withErrorPlace ? &error : nullptr, systemCalls));
+    EXPECT_FALSE(LDLoopbackListeners::initWithPort(LDListenerPort, withErrorPlace ? &error : nullptr, systemCalls));
     EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
     EXPECT_GE(systemCalls.callCount(c.call), c.occurrence) << "the scripted call was never reached";
     if (withErrorPlace) ldtest::expectError(error, c.expected);
@@ -174,7 +174,7 @@ TEST_P(DuplicateFailureTest, EmptiesBothPlacesLeavesNoDuplicateAndKeepsTheOrigin
   for (const bool withErrorPlace : {true, false}) {
     ldtest::ScriptedSystemCalls systemCalls;
     const auto atStart = openDescriptors();
-    auto listeners = LDLoopbackListeners::initWithPort(ldtest::freeLoopbackPort(), nullptr, systemCalls);
+    auto listeners = LDLoopbackListeners::initWithPort(LDListenerPort, nullptr, systemCalls);
     ASSERT_TRUE(listeners);
     systemCalls.script(c.call, systemCalls.callCount(c.call) + c.occurrence, c.value, c.errorNumber);
     // The places hold handles already: they are emptied (and those descriptors closed) first.

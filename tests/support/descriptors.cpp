@@ -101,20 +101,4 @@ int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::v
   return ::sendmsg(socket, &header, MSG_NOSIGNAL) < 0 ? errno : 0;
 }
 
-unsigned short freeLoopbackPort() {
-  for (int attempt = 0; attempt < 64; ++attempt) {
-    const LDFileHandle probe4 = loopbackSocket(AF_INET, SOCK_STREAM, 0, false);
-    sockaddr_in address4{};
-    socklen_t length = sizeof address4;
-    ::getsockname(probe4.fileDescriptor(), reinterpret_cast<sockaddr*>(&address4), &length);
-    const unsigned short port = ntohs(address4.sin_port);
-    try {
-      loopbackSocket(AF_INET6, SOCK_STREAM, port, false);
-      return port;
-    } catch (const std::runtime_error&) {
-    }
-  }
-  throw std::runtime_error("no loopback port free on both 127.0.0.1 and ::1");
-}
-
 }  // namespace ldtest

@@ -34,7 +34,4 @@ LDFileHandle seqpacketSocket(const std::string& path, Seqpacket what);
 // for. Returns 0 or the errno.
 int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::vector<int>& descriptors);
 
-// A TCP port on which both 127.0.0.1 and ::1 are free right now, asked of the kernel.
-unsigned short freeLoopbackPort();
-
 }  // namespace ldtest

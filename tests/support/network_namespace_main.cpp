@@ -1,6 +1,7 @@
-// The main of test programs that bind port 80: the whole program runs, as root, in a private
-// network namespace with only loopback, up. ctest runs each test case as a program of its own, so
-// each gets a fresh namespace. Linked in place of gtest_main.
+// The main of every test program: the whole program runs, as root, in a private network
+// namespace with only loopback, up, where port 80 is free and nothing else on the machine can
+// take a port a test binds. ctest runs each test case as a program of its own, so each gets a
+// fresh namespace.
 
 #include <net/if.h>
 #include <sched.h>

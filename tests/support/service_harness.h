@@ -65,9 +65,9 @@ struct RequestReplyRecord {
 // A service on a manual queue whose terminate callback records instead of exiting.
 class ServiceHarness {
  public:
-  explicit ServiceHarness(uint16_t port, LDSystemCalls& systemCalls = LDSystemCalls::real()) {
+  explicit ServiceHarness(LDSystemCalls& systemCalls = LDSystemCalls::real()) {
     service = LDListenerService::initWithPort(
-        port, LDAcknowledgementTimeout, LDReplyBarrierFallbackTimeout, [this] { ++originalsClosed; },
+        LDListenerPort, LDAcknowledgementTimeout, LDReplyBarrierFallbackTimeout, [this] { ++originalsClosed; },
         [this](int32_t status) {
           std::lock_guard<std::mutex> guard(_mutex);
           _terminations.push_back(status);
