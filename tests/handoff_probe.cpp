@@ -2,19 +2,19 @@
 // saw, one word or line per step. Installed signed or unsigned by the tests.
 //
 //   handoff_probe early|garbage|descriptors|oversized PATH   send before Hello, report
-//   handoff_probe after-hello-garbage PATH                  garbage after Hello, report
-//   handoff_probe version N PATH                            request with version N
+//   handoff_probe greet PATH                                report whether the helper greets us
+//   handoff_probe version PATH N                            request with version N
 //   handoff_probe hold PATH                                 request, wait for "go" on stdin, complete
 //   handoff_probe no-ack PATH                               request, never complete, wait for the end
-//   handoff_probe forked-sender PATH PROGRAM                a child running PROGRAM sends on our socket
+//   handoff_probe after-hello-garbage PATH                  garbage after Hello, report
+//   handoff_probe drop-group PATH                           greeted, give the group up, then request
+//   handoff_probe many-descriptors PATH N                   hold N more descriptors, then greet
+//   handoff_probe forked-sender PATH PROGRAM                a child running PROGRAM asks on our socket
 //   handoff_probe connect-then-exec PATH PROGRAM            connect, then exec PROGRAM on the socket
-//   handoff_probe inherited-wait FD                         report what arrives on an inherited socket
 //   handoff_probe exec-after-hello PATH PROGRAM             greeted, then exec PROGRAM on the socket
+//   handoff_probe inherited-wait FD                         report what arrives on an inherited socket
 //   handoff_probe inherited-ask FD                          request on an inherited socket, report
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
-//   handoff_probe greet PATH                                report whether the helper greets us
-//   handoff_probe drop-group PATH                           greeted, give the group up, then request
-//   handoff_probe many-descriptors N PATH                   hold N more descriptors, then greet
 //   handoff_probe steal PID                                 try to take PID's descriptors
 
 #include <arpa/inet.h>
@@ -128,57 +128,41 @@ std::string steal(pid_t target) {
   return stolen > 0 ? "stolen " + std::to_string(stolen) : denied ? "refused" : "nothing to take";
 }
 
+// Runs program with fd as its descriptor 3, in the given mode.
+int execWithSocket(int fd, const char* program, const char* mode) {
+  const int target = 3;
+  if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) return 125;
+  ::execl(program, program, mode, "3", static_cast<char*>(nullptr));
+  return 127;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 3) return 64;
   const std::string mode = argv[1];
+  const char* extra = argc > 3 ? argv[3] : "";
   if (mode == "http-server") return httpServer(std::atoi(argv[2]));
   if (mode == "steal") {
     say(steal(std::atoi(argv[2])));
     return 0;
   }
-  if (mode == "many-descriptors" && argc >= 4) {
+  if (mode == "inherited-ask") sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
+  if (mode == "inherited-ask" || mode == "inherited-wait") {
+    say(next(std::atoi(argv[2]), 3000));
+    return 0;
+  }
+  if (mode == "many-descriptors") {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &limit);
-    for (int i = std::atoi(argv[2]); i > 0; --i) {
+    for (int i = std::atoi(extra); i > 0; --i) {
       if (::fcntl(0, F_DUPFD_CLOEXEC, 0) < 0) return 71;
     }
-    say(next(connectTo(argv[3]), 5000));
-    return 0;
   }
-  if (mode == "greet" || mode == "drop-group") {
-    const int fd = connectTo(argv[2]);
-    say(next(fd, 5000));
-    if (mode == "greet") return 0;
-    const gid_t real = ::getgid();
-    if (::setresgid(real, real, real) != 0) return 1;
-    sendMessage(fd, LDRequestMessage{1});
-    say(next(fd, 3000));
-    return 0;
-  }
-  if (mode == "inherited-wait") {
-    say(next(std::atoi(argv[2]), 3000));
-    return 0;
-  }
-  if ((mode == "connect-then-exec" || mode == "exec-after-hello") && argc >= 4) {
-    const int fd = connectTo(argv[2]);
-    const bool greeted = mode == "exec-after-hello";
-    if (greeted) say(next(fd, 3000));
-    const int target = 3;
-    if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) return 125;
-    ::execl(argv[3], argv[3], greeted ? "inherited-ask" : "inherited-wait", "3", static_cast<char*>(nullptr));
-    return 127;
-  }
-  if (mode == "inherited-ask") {
-    sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
-    say(next(std::atoi(argv[2]), 3000));
-    return 0;
-  }
+  const int fd = connectTo(argv[2]);
   if (mode == "early" || mode == "garbage" || mode == "descriptors" || mode == "oversized") {
-    const int fd = connectTo(argv[2]);
     if (mode == "early") sendMessage(fd, LDRequestMessage{1});
     if (mode == "garbage") (void)::send(fd, "\x01\x02garbage!", 10, MSG_NOSIGNAL);
     if (mode == "descriptors") sendMessage(fd, LDRequestMessage{1}, {0});
@@ -187,56 +171,40 @@ int main(int argc, char** argv) {
     say(next(fd, 10000));
     return 0;
   }
-  if (mode == "after-hello-garbage") {
-    const int fd = connectTo(argv[2]);
-    say(next(fd, 3000));
-    (void)::send(fd, "QLD1\x09\x00", 6, MSG_NOSIGNAL);
-    say(next(fd, 3000));
-    return 0;
-  }
-  if (mode == "version" && argc >= 4) {
-    const int fd = connectTo(argv[3]);
-    const std::string greeting = next(fd, 3000);
-    say(greeting);
-    if (greeting != "hello") return 0;
-    sendMessage(fd, LDRequestMessage{std::atoll(argv[2])});
-    say(next(fd, 3000));
-    return 0;
-  }
-  if (mode == "hold" || mode == "no-ack") {
-    const int fd = connectTo(argv[2]);
-    say(next(fd, 3000));
-    sendMessage(fd, LDRequestMessage{1});
-    LDReceivedPacket packet;
-    const std::string reply = next(fd, 3000, &packet);
-    say(reply.substr(0, reply.find(" token ")));
-    if (mode == "no-ack") {
-      say(next(fd, 10000));  // the helper ends without a word
-      return 0;
-    }
-    std::string go;
-    std::getline(std::cin, go);
-    const size_t token = reply.find(" token ");
-    sendMessage(fd, LDCompleteMessage{1, token == std::string::npos ? std::nullopt
-                                                                     : std::optional<std::string>(reply.substr(token + 7)),
-                                      true});
-    say(next(fd, 3000));
-    return 0;
-  }
-  if (mode == "forked-sender" && argc >= 4) {
-    const int fd = connectTo(argv[2]);
-    say(next(fd, 3000));
+  if (mode == "connect-then-exec") return execWithSocket(fd, extra, "inherited-wait");
+  const std::string greeting = next(fd, 5000);
+  say(greeting);
+  if (greeting != "hello" || mode == "greet" || mode == "many-descriptors") return 0;
+  if (mode == "exec-after-hello") return execWithSocket(fd, extra, "inherited-ask");
+  if (mode == "after-hello-garbage") (void)::send(fd, "QLD1\x09\x00", 6, MSG_NOSIGNAL);
+  if (mode == "forked-sender") {
     const pid_t child = ::fork();
-    if (child == 0) {
-      const int target = 3;
-      if (!LDPlaceDescriptorsForExec(&fd, &target, 1)) ::_exit(125);
-      ::execl(argv[3], argv[3], "inherited-ask", "3", static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    say(next(fd, 3000));
+    if (child == 0) ::_exit(execWithSocket(fd, extra, "inherited-ask"));
+    ::waitpid(child, nullptr, 0);
+  }
+  if (mode == "drop-group") {
+    const gid_t real = ::getgid();
+    if (::setresgid(real, real, real) != 0) return 1;
+  }
+  if (mode == "version") sendMessage(fd, LDRequestMessage{std::atoll(extra)});
+  if (mode == "drop-group" || mode == "hold" || mode == "no-ack") sendMessage(fd, LDRequestMessage{1});
+  LDReceivedPacket packet;
+  const std::string reply = next(fd, 3000, &packet);
+  if (mode != "hold" && mode != "no-ack") {
+    say(reply);
     return 0;
   }
-  return 64;
+  say(reply.substr(0, reply.find(" token ")));
+  if (mode == "no-ack") {
+    say(next(fd, 10000));  // the helper ends without a word
+    return 0;
+  }
+  std::string go;
+  std::getline(std::cin, go);
+  const size_t token = reply.find(" token ");
+  sendMessage(fd, LDCompleteMessage{1, token == std::string::npos ? std::nullopt
+                                                                   : std::optional<std::string>(reply.substr(token + 7)),
+                                    true});
+  say(next(fd, 3000));
+  return 0;
 }

@@ -164,7 +164,7 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
     int uid = kNobody;
   };
   auto ask = [&](std::vector<std::string> prefix, const std::string& program) {
-    prefix.insert(prefix.end(), {program, "version", "1", socket});
+    prefix.insert(prefix.end(), {program, "version", socket, "1"});
     return prefix;
   };
   std::vector<Case> cases = {
@@ -187,7 +187,7 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
        ask({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--groups=" + group}, probe), "closed\n", -1},
       {"an executable on FUSE", ask({}, fuseMount + "/app")},
       {"an executable on a nosuid mount", ask({}, nosuid + "/app")},
-      {"2000 descriptors", {probe, "many-descriptors", "2000", socket}},
+      {"2000 descriptors", {probe, "many-descriptors", socket, "2000"}},
       {"garbage after Hello", {probe, "after-hello-garbage", socket}, "hello\nclosed\n"},
       {"gives its group up after Hello", {probe, "drop-group", socket}, "hello\nclosed\n"},
       {"execs another program after Hello", {probe, "exec-after-hello", socket, unsignedProbe}, "hello\nclosed\n"},
@@ -238,7 +238,7 @@ TEST_F(HelperEndToEnd, SignatureOnlyBuildAdmitsAPlainInstall) {
   const std::string plainProbe = installSignedProbe("plain", false);
   ChildProcess helper = startHelper(LD_HELPER_SIGNATURE_ONLY, socket);
   EXPECT_EQ(outputOf({LD_EXE_SWAP_PROBE, plainProbe, socket}), "swapped\nclosed\n");
-  EXPECT_EQ(outputOf({plainProbe, "version", "2", socket}), "hello\nstatus 3 Unsupported protocol version\n");
+  EXPECT_EQ(outputOf({plainProbe, "version", socket, "2"}), "hello\nstatus 3 Unsupported protocol version\n");
   EXPECT_EQ(helper.wait(5000), 1);
 }
 
