@@ -21,19 +21,22 @@ namespace {
 using ldtest::Seqpacket;
 using ldtest::seqpacketSocket;
 
-TEST(HelperStartup, RefusesToRunWithoutRootOrSocketActivationWhateverItsArguments) {
+TEST(HelperStartup, RefusesToRunWithoutRootOrAnActivatedListeningSeqpacketSocket) {
   ldtest::ProgramDirectory programs;
   const std::string helper = programs.install(LD_HELPER, "helper", false);
   const std::string notActivated = "quillfern-local-domain-listener: " + LDNotSocketActivatedMessage() + "\n";
-  struct Case { std::vector<std::string> argv; int uid; std::string standardError; };
+  const LDFileHandle stream(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  struct Case { std::vector<std::string> argv; int uid; int activated; std::string standardError; };
   for (const Case& c : {
-           Case{{helper}, 65534, "quillfern-local-domain-listener: must run as a root LaunchDaemon\n"},
-           Case{{helper}, -1, notActivated},
-           Case{{helper, "--help"}, -1, notActivated},
+           Case{{helper}, 65534, -1, "quillfern-local-domain-listener: must run as a root LaunchDaemon\n"},
+           Case{{helper}, -1, -1, notActivated},
+           Case{{helper, "--help"}, -1, -1, notActivated},
+           Case{{helper}, -1, stream.fileDescriptor(),
+                "quillfern-local-domain-listener: the activated socket is not a listening AF_UNIX SOCK_SEQPACKET socket\n"},
        }) {
-    const auto result = ldtest::runProgram(c.argv, c.uid);
-    EXPECT_EQ(result.exitStatus, 1) << c.argv.size() << " uid " << c.uid;
-    EXPECT_EQ(result.standardError, c.standardError) << c.argv.size() << " uid " << c.uid;
+    const auto result = ldtest::ChildProcess::start(c.argv, c.uid, c.activated).finish();
+    EXPECT_EQ(result.exitStatus, 1) << c.standardError;
+    EXPECT_EQ(result.standardError, c.standardError);
     EXPECT_EQ(result.standardOutput, "");
   }
 }
@@ -82,16 +85,6 @@ TEST(ServiceSocket, ActivationIsTakenOnlyWhenItNamesThisProcess) {
   EXPECT_FALSE(LDTakeActivatedSocket(&activated, &error));
   EXPECT_TRUE(activated);
   EXPECT_EQ(error, "socket activation must pass exactly one socket");
-}
-
-TEST(ServiceSocket, ActivatedDescriptorMustBeAListeningSeqpacketSocket) {
-  ldtest::ProgramDirectory programs;
-  const LDFileHandle stream(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const auto result =
-      ldtest::ChildProcess::start({programs.install(LD_HELPER, "helper", false)}, -1, stream.fileDescriptor()).finish();
-  EXPECT_EQ(result.standardError,
-            "quillfern-local-domain-listener: the activated socket is not a listening AF_UNIX SOCK_SEQPACKET socket\n");
-  EXPECT_EQ(result.exitStatus, 1);
 }
 
 TEST(Client, SaysWhatToDoWhenNothingListens) {

@@ -14,7 +14,6 @@
 
 namespace {
 
-using ldtest::descriptorDifference;
 using ldtest::ExpectedError;
 using ldtest::openDescriptors;
 
@@ -60,7 +59,7 @@ TEST_P(ValidationTest, ChecksInOrderAndNeverClosesTheDescriptor) {
     EXPECT_FALSE(error.has_value());
     EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "validation leaves the descriptor close-on-exec";
   }
-  EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+  EXPECT_EQ(ldtest::openDescriptors(), before);
 }
 
 // A dual-stack IPv6 listener cannot be bound to ::1 (Linux turns IPV6_V6ONLY on for it); the
@@ -106,7 +105,7 @@ TEST_P(ScriptedValidationTest, ReportsTheScriptedFailure) {
   std::optional<LDError> error;
   EXPECT_FALSE(LDLoopbackListeners::validateReceivedFileDescriptor(listener.fileDescriptor(), expected, &error, systemCalls));
   ldtest::expectError(error, c.expected);
-  EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+  EXPECT_EQ(ldtest::openDescriptors(), before);
   EXPECT_GE(::fcntl(listener.fileDescriptor(), F_GETFD), 0) << "the received descriptor stays open";
 }
 
@@ -144,7 +143,7 @@ TEST(ValidateAccepting, ProbeTakesExactlyOneQueuedConnection) {
     std::optional<LDError> error;
     ASSERT_TRUE(LDLoopbackListeners::validateReceivedFileDescriptor(listener.fileDescriptor(), endpoint, &error, systemCalls));
     EXPECT_EQ(systemCalls.callCount("connect"), 1);
-    EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+    EXPECT_EQ(ldtest::openDescriptors(), before);
     ASSERT_EQ(::fcntl(listener.fileDescriptor(), F_SETFL, O_NONBLOCK), 0);
     EXPECT_TRUE(LDFileHandle(::accept4(listener.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC)).isValid()) << "one remains";
     EXPECT_FALSE(LDFileHandle(::accept4(listener.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC)).isValid()) << "and only one";
@@ -176,7 +175,7 @@ TEST(ConnectToEndpoint, OutcomesAndTheirMessages) {
     EXPECT_EQ(LDLoopbackListeners::canConnectToEndpoint(c.endpoint), c.expected.code == 0);
     if (c.expected.code != 0) ldtest::expectError(error, c.expected);
     EXPECT_EQ(error.has_value(), c.expected.code != 0);
-    EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+    EXPECT_EQ(ldtest::openDescriptors(), before);
   }
 }
 

@@ -19,7 +19,6 @@
 
 namespace {
 
-using ldtest::descriptorDifference;
 using ldtest::ExpectedError;
 using ldtest::openDescriptors;
 
@@ -99,7 +98,7 @@ TEST(LoopbackListeners, ConcurrentClosersCloseEachOriginalOnce) {
     listeners.reset();
     for (const LDFileHandle& mine : reopened) EXPECT_GE(::fcntl(mine.fileDescriptor(), F_GETFD), 0) << "closed twice";
     reopened.clear();
-    EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+    EXPECT_EQ(ldtest::openDescriptors(), before);
   }
 }
 
@@ -113,7 +112,7 @@ TEST(LoopbackListeners, ATakenPortFailsWithAddressInUseAndLeavesNothingOpen) {
     std::optional<LDError> error;
     EXPECT_FALSE(LDLoopbackListeners::initWithPort(port, &error));
     ldtest::expectError(error, {3, "bind failed: Address already in use (98)", EADDRINUSE});
-    EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+    EXPECT_EQ(ldtest::openDescriptors(), before);
   }
 }
 
@@ -138,7 +137,7 @@ TEST_P(InitFailureTest, ReportsTheFailingCallAndClosesEverything) {
     const auto before = openDescriptors();
     std::optional<LDError> error;
     EXPECT_FALSE(LDLoopbackListeners::initWithPort(LDListenerPort, withErrorPlace ? &error : nullptr, systemCalls));
-    EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+    EXPECT_EQ(ldtest::openDescriptors(), before);
     EXPECT_GE(systemCalls.callCount(c.call), c.occurrence) << "the scripted call was never reached";
     if (withErrorPlace) ldtest::expectError(error, c.expected);
     EXPECT_EQ(error.has_value(), withErrorPlace);
@@ -184,12 +183,12 @@ TEST_P(DuplicateFailureTest, EmptiesBothPlacesLeavesNoDuplicateAndKeepsTheOrigin
     EXPECT_FALSE(listeners->duplicateIntoIPv4(ipv4, ipv6, withErrorPlace ? &error : nullptr));
     if (withErrorPlace) ldtest::expectError(error, c.expected);
     EXPECT_FALSE(ipv4.isValid() || ipv6.isValid());
-    EXPECT_EQ(descriptorDifference(before, openDescriptors()), "");
+    EXPECT_EQ(ldtest::openDescriptors(), before);
     EXPECT_FALSE(listeners->originalsAreClosed());
     EXPECT_EQ(intOption(listeners->ipv4FileDescriptor(), SOL_SOCKET, SO_ACCEPTCONN), 1);
     EXPECT_EQ(intOption(listeners->ipv6FileDescriptor(), SOL_SOCKET, SO_ACCEPTCONN), 1);
     listeners.reset();
-    EXPECT_EQ(descriptorDifference(atStart, openDescriptors()), "") << "destruction closes the originals";
+    EXPECT_EQ(ldtest::openDescriptors(), atStart) << "destruction closes the originals";
   }
 }
 

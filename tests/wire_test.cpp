@@ -8,23 +8,16 @@
 
 namespace {
 
-// Little-endian bytes of the header for a type.
-std::string header(uint16_t type) {
-  return std::string("QLD1", 4) + static_cast<char>(type & 0xff) + static_cast<char>(type >> 8);
-}
-
-std::string i64(int64_t value) {
+// value as size little-endian bytes.
+std::string littleEndian(uint64_t value, int size) {
   std::string bytes;
-  for (int i = 0; i < 8; ++i) bytes.push_back(static_cast<char>((static_cast<uint64_t>(value) >> (8 * i)) & 0xff));
+  for (int i = 0; i < size; ++i) bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
   return bytes;
 }
 
-std::string str(const std::string& text) {
-  const auto length = static_cast<uint32_t>(text.size());
-  std::string bytes;
-  for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<char>((length >> (8 * i)) & 0xff));
-  return bytes + text;
-}
+std::string header(uint16_t type) { return "QLD1" + littleEndian(type, 2); }
+std::string i64(int64_t value) { return littleEndian(static_cast<uint64_t>(value), 8); }
+std::string str(const std::string& text) { return littleEndian(text.size(), 4) + text; }
 
 const std::string kNil("\xff\xff\xff\xff", 4);
 

@@ -29,17 +29,6 @@ std::set<int> openDescriptors() {
   return fds;
 }
 
-std::string descriptorDifference(const std::set<int>& before, const std::set<int>& after) {
-  std::string difference;
-  for (const int fd : after) {
-    if (!before.count(fd)) difference += " opened " + std::to_string(fd);
-  }
-  for (const int fd : before) {
-    if (!after.count(fd)) difference += " closed " + std::to_string(fd);
-  }
-  return difference;
-}
-
 socklen_t loopbackAddress(int family, uint16_t port, sockaddr_storage* storage) {
   *storage = {};
   if (family == AF_INET) {

@@ -15,9 +15,6 @@ namespace ldtest {
 
 std::set<int> openDescriptors();
 
-// Readable difference between two snapshots, empty when they are equal.
-std::string descriptorDifference(const std::set<int>& before, const std::set<int>& after);
-
 // The loopback address of the family at port, and its length.
 socklen_t loopbackAddress(int family, uint16_t port, sockaddr_storage* storage);
 

@@ -62,22 +62,8 @@ ChildProcess ChildProcess::start(const std::vector<std::string>& argv, int uid, 
     execAs(argv, uid);
   }
   for (const int end : {input[0], output[1], error[1]}) ::close(end);
-  ChildProcess process;
-  process._pid = child;
-  process._input = input[1];
-  process._output = output[0];
-  process._error = error[0];
-  return process;
+  return ChildProcess(child, input[1], output[0], error[0]);
 }
-
-ChildProcess::ChildProcess(ChildProcess&& other) noexcept
-    : _pid(std::exchange(other._pid, -1)),
-      _input(std::exchange(other._input, -1)),
-      _output(std::exchange(other._output, -1)),
-      _error(std::exchange(other._error, -1)),
-      _buffered(std::move(other._buffered)),
-      _reaped(other._reaped),
-      _status(other._status) {}
 
 ChildProcess::~ChildProcess() {
   if (_pid > 0 && !_reaped) {

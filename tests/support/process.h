@@ -23,7 +23,7 @@ struct ProcessResult {
 class ChildProcess {
  public:
   static ChildProcess start(const std::vector<std::string>& argv, int uid = -1, int listeningSocket = -1);
-  ChildProcess(ChildProcess&& other) noexcept;
+  ChildProcess(const ChildProcess&) = delete;
   ~ChildProcess();
 
   // The next line of standard output (without LF) within the time, or "(nothing)".
@@ -36,11 +36,11 @@ class ChildProcess {
   pid_t pid() const { return _pid; }
 
  private:
-  ChildProcess() = default;
-  pid_t _pid = -1;
-  int _input = -1;
-  int _output = -1;
-  int _error = -1;
+  ChildProcess(pid_t pid, int input, int output, int error) : _pid(pid), _input(input), _output(output), _error(error) {}
+  pid_t _pid;
+  int _input;
+  int _output;
+  int _error;
   std::string _buffered;
   bool _reaped = false;
   int _status = -1;
