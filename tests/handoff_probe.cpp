@@ -11,8 +11,12 @@
 //   handoff_probe many-descriptors PATH N                   hold N more descriptors, then greet
 //   handoff_probe forked-sender PATH PROGRAM                a child running PROGRAM asks on our socket
 //   handoff_probe connect-then-exec PATH PROGRAM            connect, then exec PROGRAM on the socket
+//   handoff_probe connect-fork-exec PATH PROGRAM            connect, fork a child that reports what
+//                                                           arrives, exec PROGRAM without the socket
 //   handoff_probe exec-after-hello PATH PROGRAM             greeted, then exec PROGRAM on the socket
-//   handoff_probe inherited-wait FD                         report what arrives on an inherited socket
+//   handoff_probe inherited-wait FD                         say "waiting", report what arrives on an
+//                                                           inherited socket
+//   handoff_probe pause -                                   say "waiting", wait to be killed
 //   handoff_probe inherited-ask FD                          request on an inherited socket, report
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 //   handoff_probe steal PID                                 try to take PID's descriptors
@@ -148,6 +152,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (mode == "inherited-ask") sendMessage(std::atoi(argv[2]), LDRequestMessage{1});
+  if (mode == "inherited-wait" || mode == "pause") say("waiting");
+  if (mode == "pause") ::pause();
   if (mode == "inherited-ask" || mode == "inherited-wait") {
     say(next(std::atoi(argv[2]), 3000));
     return 0;
@@ -172,6 +178,14 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (mode == "connect-then-exec") return execWithSocket(fd, extra, "inherited-wait");
+  if (mode == "connect-fork-exec") {
+    if (::fork() == 0) {
+      say(next(fd, 10000));
+      ::_exit(0);
+    }
+    ::execl(extra, extra, "pause", "-", static_cast<char*>(nullptr));
+    return 127;
+  }
   const std::string greeting = next(fd, 5000);
   say(greeting);
   if (greeting != "hello" || mode == "greet" || mode == "many-descriptors") return 0;
