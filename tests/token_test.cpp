@@ -9,14 +9,11 @@
 
 namespace {
 
-TEST(UnpredictableToken, SixtyFourLowerCaseHexCharactersFreshEachTime) {
+// The draws are fresh each time; their encoding is the next test's.
+TEST(UnpredictableToken, FreshEachTime) {
   std::set<std::string> seen;
   for (int i = 0; i < 64; ++i) seen.insert(LDUnpredictableToken().value());
   EXPECT_EQ(seen.size(), 64u);
-  for (const std::string& token : seen) {
-    EXPECT_EQ(token.size(), 64u);
-    EXPECT_EQ(token.find_first_not_of("0123456789abcdef"), std::string::npos) << token;
-  }
 }
 
 // Two digits a byte, high nibble first, no sign extension of bytes from 0x80.
