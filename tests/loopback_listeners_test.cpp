@@ -102,20 +102,6 @@ TEST(LoopbackListeners, ConcurrentClosersCloseEachOriginalOnce) {
   }
 }
 
-// The port held on either address fails the pair with code 3 from bind, and leaves nothing open:
-// when ::1 is the taken one, the IPv4 listener already made is closed again.
-TEST(LoopbackListeners, ATakenPortFailsWithAddressInUseAndLeavesNothingOpen) {
-  for (const int family : {AF_INET, AF_INET6}) {
-    const uint16_t port = LDListenerPort;
-    LDFileHandle holder = ldtest::loopbackSocket(family, SOCK_STREAM, port, true);
-    const auto before = openDescriptors();
-    std::optional<LDError> error;
-    EXPECT_FALSE(LDLoopbackListeners::initWithPort(port, &error));
-    ldtest::expectError(error, {3, "bind failed: Address already in use (98)", EADDRINUSE});
-    EXPECT_EQ(ldtest::openDescriptors(), before);
-  }
-}
-
 // ---- Failures driven through the system-call seam ----
 
 struct FailureCase {
