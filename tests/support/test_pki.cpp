@@ -117,12 +117,6 @@ TestIdentity TestPki::makeLeaf(const TestIdentity& issuer, const std::string& na
   return make(&issuer, name, false, options);
 }
 
-std::string TestPki::writeBundle(const std::string& name, const std::string& pem) {
-  const std::string path = _directory + "/" + name;
-  writeFile(path, pem, 0644);
-  return path;
-}
-
 TemporaryDirectory::TemporaryDirectory() {
   std::string pattern = "/tmp/ld-test-XXXXXX";
   check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");

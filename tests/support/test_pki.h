@@ -37,8 +37,6 @@ class TestPki {
   TestIdentity makeLeaf(const TestIdentity& issuer, const std::string& name,
                         const LeafOptions& options = {});
 
-  // A PEM file holding the given certificates, one after the other.
-  std::string writeBundle(const std::string& name, const std::string& pem);
   static std::string pemOf(const TestIdentity& identity);
 
  private:
