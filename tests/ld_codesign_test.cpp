@@ -1,17 +1,23 @@
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
+#include "shared/code_signature.h"
 #include "support/process.h"
 #include "support/test_pki.h"
 
 namespace {
 
-using ldtest::runProgram;
+using ldtest::readFile;
 using ldtest::writeFile;
 
-// Every bad input gets one clear line on standard error and a non-zero exit; the file is left
-// as it was.
-TEST(LdCodesign, BadInputsGetOneClearLine) {
+// Every command answers first with exactly the expected lines (on standard output when it ran,
+// on standard error when it could not) and its documented exit status. The unsigned program is
+// left as it was by every command; the signed one is a copy of /bin/true.
+TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
   ldtest::TemporaryDirectory directory;
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0755), 0);  // one command runs as nobody
   ldtest::TestPki pki(directory.path());
   const auto root = pki.makeRoot("Root");
   const auto leaf = pki.makeLeaf(root, "Leaf");
@@ -19,83 +25,77 @@ TEST(LdCodesign, BadInputsGetOneClearLine) {
   const auto noTeam = pki.makeLeaf(root, "No Team", {.team = std::nullopt});
   const auto twoUnits = pki.makeLeaf(root, "Two Units", {.secondOrganizationalUnit = true});
   const std::string program = directory.file("program");
-  writeFile(program, "some code");
+  const std::string signedProgram = directory.file("signed");
+  writeFile(program, "some code", 0600);
+  const std::string code = readFile("/bin/true");
+  writeFile(signedProgram, code, 0750);
+  std::array<uint8_t, 32> digest{};
+  EVP_Digest(code.data(), code.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
   const std::string tool = LD_CODESIGN;
+  const auto sign = [&](const std::string& identifier, const std::string& key, const std::string& certificate,
+                        const std::string& file) {
+    return std::vector<std::string>{tool, "sign", "--identifier", identifier, "--key", key, "--cert", certificate, file};
+  };
+  const std::string requirement =
+      "identifier \"com.x\" and anchor apple generic and certificate leaf[subject.OU] = \"TEAMONE001\"";
+  const std::string oneOu = " must name exactly one organisational unit (OU) in its subject: the team identifier";
 
   struct Case {
     std::vector<std::string> argv;
-    std::string firstLine;
+    int exitStatus;
+    std::string lines;  // the first lines of the output, without the last LF
+    int uid = -1;
   };
   for (const Case& c : {
-           Case{{tool, "sign", "--identifier", "com.a", "--key", leaf.keyPath, "--cert", leaf.certificatePath,
-                 directory.file("missing")},
+           // Signing again replaces the signature: the size shown is still the code's.
+           Case{sign("com.x", other.keyPath, other.certificatePath, signedProgram), 0,
+                signedProgram + ": signed as com.x (team TEAMONE001)"},
+           Case{sign("com.x", leaf.keyPath, leaf.certificatePath, signedProgram), 0,
+                signedProgram + ": signed as com.x (team TEAMONE001)"},
+           Case{{tool, "display", signedProgram}, 0,
+                "identifier com.x\nteam       TEAMONE001\nsigner     CN=Leaf,OU=TEAMONE001,O=Quillfern Test\n"
+                "size       " + std::to_string(code.size()) + "\nsha256     " + LDHex(digest.data(), digest.size())},
+           Case{{tool, "verify", "--requirement", requirement, "--anchor", root.certificatePath, signedProgram}, 0,
+                signedProgram + ": valid (OSStatus 0)"},
+           // The compiled-in anchors do not know this root.
+           Case{{tool, "verify", "--requirement", requirement, signedProgram}, 1,
+                signedProgram + ": rejected: " + signedProgram + " does not satisfy its code-signing requirement "
+                "(OSStatus -66996): the signer's certificate chain is not trusted: it does not lead to a "
+                "compiled-in root (issuer CN=Root,O=Quillfern Test)"},
+           Case{{tool, "verify", "--requirement", requirement, "--anchor", root.certificatePath, program}, 2,
+                program + ": unverifiable: No readable code at " + program + " (OSStatus -67060)", 65534},
+           Case{sign("com.a", leaf.keyPath, leaf.certificatePath, directory.file("missing")), 2,
                 "ld-codesign: cannot open " + directory.file("missing") + ": No such file or directory"},
-           Case{{tool, "sign", "--identifier", "com.a", "--key", other.keyPath, "--cert", leaf.certificatePath, program},
+           Case{sign("com.a", other.keyPath, leaf.certificatePath, program), 2,
                 "ld-codesign: " + other.keyPath + " is not the key of the certificate in " + leaf.certificatePath},
-           Case{{tool, "sign", "--identifier", "com.a", "--key", noTeam.keyPath, "--cert", noTeam.certificatePath, program},
-                "ld-codesign: " + noTeam.certificatePath +
-                    " must name exactly one organisational unit (OU) in its subject: the team identifier"},
-           Case{{tool, "sign", "--identifier", "com.a", "--key", twoUnits.keyPath, "--cert", twoUnits.certificatePath, program},
-                "ld-codesign: " + twoUnits.certificatePath +
-                    " must name exactly one organisational unit (OU) in its subject: the team identifier"},
-           Case{{tool, "sign", "--identifier", "com.a\nb", "--key", leaf.keyPath, "--cert", leaf.certificatePath, program},
-                "ld-codesign: identifier \"com.a"},
-           Case{{tool, "sign", "--identifier", "com.\"a\"", "--key", leaf.keyPath, "--cert", leaf.certificatePath, program},
+           Case{sign("com.a", noTeam.keyPath, noTeam.certificatePath, program), 2,
+                "ld-codesign: " + noTeam.certificatePath + oneOu},
+           Case{sign("com.a", twoUnits.keyPath, twoUnits.certificatePath, program), 2,
+                "ld-codesign: " + twoUnits.certificatePath + oneOu},
+           Case{sign("com.a\nb", leaf.keyPath, leaf.certificatePath, program), 2, "ld-codesign: identifier \"com.a"},
+           Case{sign("com.\"a\"", leaf.keyPath, leaf.certificatePath, program), 2,
                 "ld-codesign: identifier \"com.\"a\"\" must be a reverse-DNS name of letters, digits, '.', '-' and '_'"},
-           Case{{tool, "sign", "--identifier", "com.a", "--key", leaf.certificatePath, "--cert", leaf.certificatePath, program},
+           Case{sign("com.a", leaf.certificatePath, leaf.certificatePath, program), 2,
                 "ld-codesign: " + leaf.certificatePath + " holds no private key in PEM form (an encrypted key is not supported)"},
-           Case{{tool, "sign", "--identifier", "com.a", "--key", leaf.keyPath, program},
+           Case{{tool, "sign", "--identifier", "com.a", "--key", leaf.keyPath, program}, 64,
                 "ld-codesign: sign needs --identifier, --key and --cert"},
-           Case{{tool, "verify", "--requirement", "anchor apple generic", "--anchor", leaf.keyPath, program},
+           Case{{tool, "verify", "--requirement", "anchor apple generic", "--anchor", leaf.keyPath, program}, 2,
                 "ld-codesign: " + leaf.keyPath + ": no certificate in the anchor PEM"},
-           Case{{tool, "verify", "--requirement"}, "ld-codesign: --requirement needs a value"},
-           Case{{tool, "display", program}, "ld-codesign: " + program + " is not signed"},
-           Case{{tool, "frobnicate"}, "ld-codesign: unknown command frobnicate"},
-           Case{{tool, "sign", "--force", "x", program}, "ld-codesign: unknown option --force"},
+           Case{{tool, "verify", "--requirement"}, 64, "ld-codesign: --requirement needs a value"},
+           Case{{tool, "display", program}, 2, "ld-codesign: " + program + " is not signed"},
+           Case{{tool, "frobnicate"}, 64, "ld-codesign: unknown command frobnicate"},
+           Case{{tool, "sign", "--force", "x", program}, 64, "ld-codesign: unknown option --force"},
        }) {
-    const auto result = runProgram(c.argv);
-    EXPECT_NE(result.exitStatus, 0) << c.firstLine;
-    EXPECT_EQ(result.standardError.substr(0, result.standardError.find('\n', c.firstLine.size() - 1)),
-              c.firstLine);
-    EXPECT_EQ(ldtest::readFile(program), "some code");
+    const auto result = ldtest::runProgram(c.argv, c.uid);
+    EXPECT_EQ(result.exitStatus, c.exitStatus) << c.lines;
+    EXPECT_EQ((result.standardOutput + result.standardError).substr(0, c.lines.size() + 1), c.lines + "\n");
+    EXPECT_EQ(readFile(program), "some code");
   }
-}
-
-TEST(LdCodesign, SignVerifyDisplayRoundTrip) {
-  ldtest::TemporaryDirectory directory;
-  ldtest::TestPki pki(directory.path());
-  const auto root = pki.makeRoot("Root");
-  const auto leaf = pki.makeLeaf(root, "Leaf", {.team = "TEAMXYZ"});
-  const std::string program = directory.file("program");
-  writeFile(program, "some code", 0700);
-  const std::string tool = LD_CODESIGN;
-  auto signedResult = runProgram({tool, "sign", "--identifier", "com.x", "--key", leaf.keyPath, "--cert",
-                                  leaf.certificatePath, program});
-  EXPECT_EQ(signedResult.exitStatus, 0) << signedResult.standardError;
-  const std::string requirement = "identifier \"com.x\" and anchor apple generic and certificate leaf[subject.OU] = \"TEAMXYZ\"";
-  struct Case {
-    std::string requirement;
-    std::string anchor;
-    int exitStatus;
-  };
-  for (const Case& c : {Case{requirement, root.certificatePath, 0},
-                        Case{"identifier \"com.y\"", root.certificatePath, 1},
-                        Case{requirement, "", 1},  // the compiled-in anchors do not know this root
-                        Case{"identifier", root.certificatePath, 1}}) {
-    std::vector<std::string> argv{tool, "verify", "--requirement", c.requirement};
-    if (!c.anchor.empty()) {
-      argv.push_back("--anchor");
-      argv.push_back(c.anchor);
-    }
-    argv.push_back(program);
-    EXPECT_EQ(runProgram(argv).exitStatus, c.exitStatus) << c.requirement;
-  }
-  EXPECT_EQ(runProgram({tool, "verify", "--requirement", requirement, directory.file("none")}).exitStatus, 2);
-  const auto shown = runProgram({tool, "display", program});
-  EXPECT_EQ(shown.exitStatus, 0);
-  EXPECT_NE(shown.standardOutput.find("identifier com.x\nteam       TEAMXYZ\n"), std::string::npos)
-      << shown.standardOutput;
-  EXPECT_NE(shown.standardOutput.find("size       9\n"), std::string::npos);
+  // Signing kept the mode, and the loader ignores the appended signature.
+  struct stat status {};
+  ASSERT_EQ(::stat(signedProgram.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0750u);
+  EXPECT_EQ(ldtest::runProgram({signedProgram}).exitStatus, 0);
 }
 
 }  // namespace

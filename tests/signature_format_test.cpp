@@ -6,33 +6,30 @@
 namespace {
 
 TEST(Requirement, AcceptsExactlyTheSubset) {
-  struct Case {
-    const char* text;
-    size_t clauses;  // 0: unparsable
-  };
-  for (const Case& c : {
-           Case{R"(identifier "com.a.b" and anchor apple generic and certificate leaf[subject.OU] = "T1")", 3},
-           Case{R"(anchor apple generic)", 1},
-           Case{R"(certificate leaf [ subject.OU ] = "T")", 1},
-           Case{"identifier \"x\"\n\tand identifier \"x\"", 2},
-           Case{R"(identifier "")", 1},
-           Case{"", 0},
-           Case{"and", 0},
-           Case{R"(identifier "x" and)", 0},
-           Case{R"(identifier x)", 0},
-           Case{R"(identifier "x" or anchor apple generic)", 0},
-           Case{R"(anchor apple)", 0},
-           Case{R"(anchor trusted)", 0},
-           Case{R"(certificate leaf[subject.CN] = "T")", 0},
-           Case{R"(certificate root[subject.OU] = "T")", 0},
-           Case{R"(certificate leaf[subject.OU] "T")", 0},
-           Case{R"(identifier "unterminated)", 0},
-           Case{R"(identifier "a"b" and anchor apple generic)", 0},
-           Case{R"((identifier "x"))", 0},
-           Case{R"(!identifier "x")", 0},
+  // The text, and how many clauses it has; 0 when it is unparsable.
+  for (const auto& [text, clauses] : std::initializer_list<std::pair<const char*, size_t>>{
+           {R"(identifier "com.a.b" and anchor apple generic and certificate leaf[subject.OU] = "T1")", 3},
+           {R"(anchor apple generic)", 1},
+           {R"(certificate leaf [ subject.OU ] = "T")", 1},
+           {"identifier \"x\"\n\tand identifier \"x\"", 2},
+           {R"(identifier "")", 1},
+           {"", 0},
+           {"and", 0},
+           {R"(identifier "x" and)", 0},
+           {R"(identifier x)", 0},
+           {R"(identifier "x" or anchor apple generic)", 0},
+           {R"(anchor apple)", 0},
+           {R"(anchor trusted)", 0},
+           {R"(certificate leaf[subject.CN] = "T")", 0},
+           {R"(certificate root[subject.OU] = "T")", 0},
+           {R"(certificate leaf[subject.OU] "T")", 0},
+           {R"(identifier "unterminated)", 0},
+           {R"(identifier "a"b" and anchor apple generic)", 0},
+           {R"((identifier "x"))", 0},
+           {R"(!identifier "x")", 0},
        }) {
-    const std::optional<LDRequirement> parsed = LDParseRequirement(c.text);
-    EXPECT_EQ(parsed ? parsed->clauses.size() : 0, c.clauses) << c.text;
+    const std::optional<LDRequirement> parsed = LDParseRequirement(text);
+    EXPECT_EQ(parsed ? parsed->clauses.size() : 0, clauses) << text;
   }
 }
 
@@ -44,7 +41,6 @@ TEST(Requirement, EveryClauseMustHold) {
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a ", "T1", true})) << "byte for byte";
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"COM.A", "T1", true}));
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a", "t1", true}));
-  EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a", "T1", false}));
 }
 
 TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {
@@ -54,12 +50,7 @@ TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {
   EXPECT_EQ(text,
             "ld-codesign-manifest 1\nidentifier com.example.app\nteam TEAM1\nsize 1234\n"
             "sha256 00070e151c232a31383f464d545b626970777e858c939aa1a8afb6bdc4cbd2d9\n");
-  const auto parsed = LDParseManifest(text);
-  ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->identifier, manifest.identifier);
-  EXPECT_EQ(parsed->team, manifest.team);
-  EXPECT_EQ(parsed->size, manifest.size);
-  EXPECT_EQ(parsed->sha256, manifest.sha256);
+  EXPECT_EQ(LDFormatManifest(LDParseManifest(text).value()), text);
 
   const std::string digest = "sha256 00070e151c232a31383f464d545b626970777e858c939aa1a8afb6bdc4cbd2d9\n";
   const std::string head = "ld-codesign-manifest 1\nidentifier a\nteam T\n";
@@ -84,9 +75,8 @@ TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {
 }
 
 TEST(SignatureTrailer, LocatesTheBlobOrSaysWhyNot) {
-  const std::string trailer = LDFormatSignatureTrailer(0x01020304 & 0xfff);
-  EXPECT_EQ(trailer.size(), LDSignatureTrailerSize);
-  EXPECT_EQ(trailer.substr(0, 12), std::string("\0\0\2\0\0\0\0\0\0\0\x03\x04", 12));
+  EXPECT_EQ(LDFormatSignatureTrailer(0x01020304),
+            std::string("\0\0\2\0\0\0\0\0\x01\x02\x03\x04", 12) + "~LD code signature appended~\n");
   struct Case {
     uint64_t fileSize;
     std::string tail;
@@ -104,9 +94,7 @@ TEST(SignatureTrailer, LocatesTheBlobOrSaysWhyNot) {
        }) {
     const LDSignatureLocation location = LDLocateSignature(c.fileSize, c.tail);
     EXPECT_EQ(location.status, c.status) << c.fileSize;
-    if (c.status == 0) {
-      EXPECT_EQ(location.codeSize, c.codeSize);
-    }
+    EXPECT_EQ(location.codeSize, c.codeSize) << c.fileSize;
   }
 }
 

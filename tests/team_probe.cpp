@@ -8,10 +8,7 @@ int main(int argc, char** argv) {
   std::optional<LDError> error;
   const std::optional<std::string> requirement =
       LDCodeSigningRequirementForIdentifier(argc > 1 ? argv[1] : "com.example.client", &error);
-  if (requirement) {
-    std::printf("%s\n", requirement->c_str());
-    return 0;
-  }
-  std::printf("%s\n", error ? error->description().c_str() : "no error value");
-  return 1;
+  const std::string output = requirement ? *requirement : error ? error->description() : "no error value";
+  std::printf("%s\n", output.c_str());
+  return requirement ? 0 : 1;
 }

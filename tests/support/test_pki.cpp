@@ -1,10 +1,8 @@
 #include "support/test_pki.h"
 
-#include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -19,27 +17,20 @@ void check(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(std::string("test PKI: ") + what);
 }
 
-void addExtension(X509* certificate, X509* issuer, int nid, const char* value, const char* name = nullptr) {
+// name and value as in openssl.cnf: "keyUsage", "critical,digitalSignature".
+void addExtension(X509* certificate, X509* issuer, const std::string& name, const std::string& value) {
   X509V3_CTX context;
   X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
-  X509_EXTENSION* extension = name ? X509V3_EXT_nconf(nullptr, &context, name, value)
-                                   : X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+  X509_EXTENSION* extension = X509V3_EXT_nconf(nullptr, &context, name.c_str(), value.c_str());
   check(extension != nullptr, "extension");
   X509_add_ext(certificate, extension, -1);
   X509_EXTENSION_free(extension);
 }
 
-std::string pemOfKey(EVP_PKEY* key) {
+template <class Write>
+std::string pemText(Write write) {
   ldssl::Bio out(BIO_new(BIO_s_mem()));
-  PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(out.get(), &data);
-  return std::string(data, static_cast<size_t>(length));
-}
-
-std::string pemOfCertificate(X509* certificate) {
-  ldssl::Bio out(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(out.get(), certificate);
+  write(out.get());
   char* data = nullptr;
   const long length = BIO_get_mem_data(out.get(), &data);
   return std::string(data, static_cast<size_t>(length));
@@ -48,7 +39,7 @@ std::string pemOfCertificate(X509* certificate) {
 }  // namespace
 
 std::string TestPki::pemOf(const TestIdentity& identity) {
-  return pemOfCertificate(identity.certificate.get());
+  return pemText([&](BIO* out) { PEM_write_bio_X509(out, identity.certificate.get()); });
 }
 
 TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, bool authority,
@@ -77,20 +68,15 @@ TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, 
   add("CN", name);
   X509* issuerCertificate = issuer ? issuer->certificate.get() : certificate;
   X509_set_issuer_name(certificate, X509_get_subject_name(issuerCertificate));
-  if (authority) {
-    addExtension(certificate, issuerCertificate, NID_basic_constraints, "critical,CA:TRUE");
-    addExtension(certificate, issuerCertificate, NID_key_usage, "critical,keyCertSign,cRLSign");
-  } else {
-    addExtension(certificate, issuerCertificate, NID_basic_constraints, "critical,CA:FALSE");
-    if (!options.keyUsage.empty()) addExtension(certificate, issuerCertificate, NID_key_usage, options.keyUsage.c_str());
-    if (!options.extendedUsage.empty()) {
-      addExtension(certificate, issuerCertificate, NID_ext_key_usage, options.extendedUsage.c_str());
-    }
-  }
-  addExtension(certificate, issuerCertificate, NID_subject_key_identifier, "hash");
+  const auto extend = [&](const std::string& extensionName, const std::string& value) {
+    if (!value.empty()) addExtension(certificate, issuerCertificate, extensionName, value);
+  };
+  extend("basicConstraints", authority ? "critical,CA:TRUE" : "critical,CA:FALSE");
+  extend("keyUsage", authority ? "critical,keyCertSign,cRLSign" : options.keyUsage);
+  if (!authority) extend("extendedKeyUsage", options.extendedUsage);
+  extend("subjectKeyIdentifier", "hash");
   if (const size_t equals = options.extraExtension.find('='); equals != std::string::npos) {
-    addExtension(certificate, issuerCertificate, 0, options.extraExtension.c_str() + equals + 1,
-                 options.extraExtension.substr(0, equals).c_str());
+    extend(options.extraExtension.substr(0, equals), options.extraExtension.substr(equals + 1));
   }
   EVP_PKEY* signingKey = issuer ? issuer->key.get() : identity.key.get();
   check(X509_sign(certificate, signingKey, EVP_sha256()) > 0, "sign");
@@ -99,28 +85,11 @@ TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, 
   for (char& c : file) if (c == ' ') c = '-';
   identity.keyPath = _directory + "/" + file + ".key";
   identity.certificatePath = _directory + "/" + file + ".pem";
-  writeFile(identity.keyPath, pemOfKey(identity.key.get()), 0600);
-  writeFile(identity.certificatePath, pemOfCertificate(certificate), 0644);
+  writeFile(identity.keyPath, pemText([&](BIO* out) {
+              PEM_write_bio_PrivateKey(out, identity.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+            }), 0600);
+  writeFile(identity.certificatePath, pemOf(identity), 0644);
   return identity;
-}
-
-TestIdentity TestPki::makeRoot(const std::string& name, const LeafOptions& options) {
-  return make(nullptr, name, true, options);
-}
-
-TestIdentity TestPki::makeIntermediate(const TestIdentity& issuer, const std::string& name) {
-  return make(&issuer, name, true, {});
-}
-
-TestIdentity TestPki::makeLeaf(const TestIdentity& issuer, const std::string& name,
-                               const LeafOptions& options) {
-  return make(&issuer, name, false, options);
-}
-
-std::string TestPki::writeBundle(const std::string& name, const std::string& pem) {
-  const std::string path = _directory + "/" + name;
-  writeFile(path, pem, 0644);
-  return path;
 }
 
 TemporaryDirectory::TemporaryDirectory() {

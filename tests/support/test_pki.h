@@ -32,13 +32,12 @@ class TestPki {
   // Files go below directory, which must exist.
   explicit TestPki(std::string directory) : _directory(std::move(directory)) {}
 
-  TestIdentity makeRoot(const std::string& name, const LeafOptions& options = {});
-  TestIdentity makeIntermediate(const TestIdentity& issuer, const std::string& name);
-  TestIdentity makeLeaf(const TestIdentity& issuer, const std::string& name,
-                        const LeafOptions& options = {});
+  TestIdentity makeRoot(const std::string& name, const LeafOptions& options = {}) { return make(nullptr, name, true, options); }
+  TestIdentity makeIntermediate(const TestIdentity& issuer, const std::string& name) { return make(&issuer, name, true, {}); }
+  TestIdentity makeLeaf(const TestIdentity& issuer, const std::string& name, const LeafOptions& options = {}) {
+    return make(&issuer, name, false, options);
+  }
 
-  // A PEM file holding the given certificates, one after the other.
-  std::string writeBundle(const std::string& name, const std::string& pem);
   static std::string pemOf(const TestIdentity& identity);
 
  private:
