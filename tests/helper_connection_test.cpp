@@ -53,9 +53,7 @@ struct Connection {
     helper->setExportedObject(std::move(handoff));
   }
   void send(const LDMessage& message, const std::vector<int>& descriptors = {}) {
-    ASSERT_EQ(descriptors.empty() ? LDSendPacket(client.fileDescriptor(), LDEncodeMessage(message), {}, false)
-                                  : ldtest::sendPacketWithDescriptors(client.fileDescriptor(), LDEncodeMessage(message), descriptors),
-              0);
+    ASSERT_EQ(ldtest::sendPacketWithDescriptors(client.fileDescriptor(), LDEncodeMessage(message), descriptors), 0);
   }
   // One turn of the loop over whatever is ready now.
   void turnOnce() {

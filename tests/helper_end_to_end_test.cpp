@@ -102,14 +102,10 @@ ldtest::TestIdentity buildRoot() {
   ldtest::TestIdentity root;
   root.keyPath = LD_BUILD_ROOT_KEY;
   root.certificatePath = LD_BUILD_ROOT_CERT;
-  FILE* key = std::fopen(LD_BUILD_ROOT_KEY, "r");
-  FILE* certificate = std::fopen(LD_BUILD_ROOT_CERT, "r");
+  const ldssl::Bio key(BIO_new_file(LD_BUILD_ROOT_KEY, "r")), certificate(BIO_new_file(LD_BUILD_ROOT_CERT, "r"));
   if (key && certificate) {
-    root.key.reset(PEM_read_PrivateKey(key, nullptr, nullptr, nullptr));
-    root.certificate.reset(PEM_read_X509(certificate, nullptr, nullptr, nullptr));
-  }
-  for (FILE* file : {key, certificate}) {
-    if (file) std::fclose(file);
+    root.key.reset(PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, nullptr));
+    root.certificate.reset(PEM_read_bio_X509(certificate.get(), nullptr, nullptr, nullptr));
   }
   return root;
 }

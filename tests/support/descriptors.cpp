@@ -1,7 +1,7 @@
 #include "support/descriptors.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,21 +11,17 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 namespace ldtest {
 
 std::set<int> openDescriptors() {
   std::set<int> fds;
-  DIR* directory = opendir("/proc/self/fd");
-  if (directory == nullptr) throw std::runtime_error("cannot read /proc/self/fd");
-  const int own = dirfd(directory);
-  while (const dirent* entry = readdir(directory)) {
-    if (entry->d_name[0] == '.') continue;
-    const int fd = std::atoi(entry->d_name);
-    if (fd != own) fds.insert(fd);
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    fds.insert(std::stoi(entry.path().filename()));
   }
-  closedir(directory);
+  std::erase_if(fds, [](int fd) { return ::fcntl(fd, F_GETFD) < 0; });  // the listing's own, closed again
   return fds;
 }
 
