@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -29,10 +28,8 @@ int64_t nowMilliseconds() {
   for (const std::string& word : argv) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
   if (uid >= 0) {
-    const auto id = static_cast<uid_t>(uid);
-    const passwd* user = ::getpwuid(id);
-    const gid_t group = user ? user->pw_gid : static_cast<gid_t>(uid);
-    if (::setgroups(0, nullptr) != 0 || ::setresgid(group, group, group) != 0 || ::setresuid(id, id, id) != 0) {
+    const auto id = static_cast<uid_t>(uid);  // and as its group: nobody's is nogroup, 65534 too
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(id, id, id) != 0 || ::setresuid(id, id, id) != 0) {
       ::_exit(126);
     }
   }

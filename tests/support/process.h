@@ -17,9 +17,9 @@ struct ProcessResult {
 };
 
 // A child with pipes to its standard input, output and error; killed if still running when
-// destroyed. argv[0] is the program's path. When uid is not -1 the child drops to that uid (and
-// its primary group, no supplementary groups) before exec. A listening socket, when given, is
-// passed as systemd passes one: descriptor 3, with LISTEN_PID and LISTEN_FDS.
+// destroyed. argv[0] is the program's path. When uid is not -1 the child drops to that uid, and
+// the group of the same number with no supplementary groups, before exec. A listening socket,
+// when given, is passed as systemd passes one: descriptor 3, with LISTEN_PID and LISTEN_FDS.
 class ChildProcess {
  public:
   static ChildProcess start(const std::vector<std::string>& argv, int uid = -1, int listeningSocket = -1);
