@@ -21,7 +21,6 @@
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 //   handoff_probe steal PID                                 try to take PID's descriptors
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <fcntl.h>

@@ -1,7 +1,6 @@
 #include "support/helper_harness.h"
 
 #include <grp.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
