@@ -79,7 +79,7 @@ int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::v
   message->cmsg_level = SOL_SOCKET;
   message->cmsg_type = SCM_RIGHTS;
   message->cmsg_len = CMSG_LEN(sizeof(int) * descriptors.size());
-  std::memcpy(CMSG_DATA(message), descriptors.data(), sizeof(int) * descriptors.size());
+  if (!descriptors.empty()) std::memcpy(CMSG_DATA(message), descriptors.data(), sizeof(int) * descriptors.size());
   return ::sendmsg(socket, &header, MSG_NOSIGNAL) < 0 ? errno : 0;
 }
 

@@ -27,8 +27,8 @@ LDFileHandle loopbackSocket(int family, int type, uint16_t port, bool listening)
 enum class Seqpacket { bound, listening, connected };
 LDFileHandle seqpacketSocket(const std::string& path, Seqpacket what);
 
-// One packet with any number of descriptors (SCM_RIGHTS), even more than a receiver makes room
-// for. Returns 0 or the errno.
+// One packet with any number of descriptors (SCM_RIGHTS, none included), even more than a receiver
+// makes room for. Returns 0 or the errno.
 int sendPacketWithDescriptors(int socket, const std::string& bytes, const std::vector<int>& descriptors);
 
 }  // namespace ldtest
