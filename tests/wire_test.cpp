@@ -34,7 +34,7 @@ TEST(Wire, EncodesTheDocumentedBytesAndDecodesThem) {
       {LDRequestMessage{-5}, header(2) + i64(-5), 0},
       {LDRequestReplyMessage{1, 0, "ab", 3, 0x01020304, std::nullopt},
        header(3) + i64(1) + i64(0) + str("ab") + "\x03" + kOneTwoThreeFour + kNil, 2},
-      {LDRequestReplyMessage{1, 8, std::nullopt, 0, 42, "x"}, header(3) + i64(1) + i64(8) + kNil + '\0' + i64(42).substr(0, 4) + str("x"), 0},
+      {LDRequestReplyMessage{1, 8, std::nullopt, 0, 42, "x"}, header(3) + i64(1) + i64(8) + kNil + '\0' + littleEndian(42, 4) + str("x"), 0},
       {LDCompleteMessage{1, std::nullopt, true}, header(4) + i64(1) + kNil + "\x01", 0},
       {LDCompleteMessage{1, "", false}, header(4) + i64(1) + str("") + '\0', 0},
       {LDCompleteReplyMessage{1, 7, "x"}, header(5) + i64(1) + i64(7) + str("x"), 0},
