@@ -17,6 +17,8 @@
 //   handoff_probe inherited-wait FD                         say "waiting", report what arrives on an
 //                                                           inherited socket
 //   handoff_probe pause -                                   say "waiting", wait to be killed
+//   handoff_probe stall-exec PATH FILE PROGRAM              connect with FILE open close-on-exec,
+//                                                           say "stalling", exec PROGRAM
 //   handoff_probe inherited-ask FD                          request on an inherited socket, report
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 //   handoff_probe steal PID                                 try to take PID's descriptors
@@ -166,7 +168,13 @@ int main(int argc, char** argv) {
       if (::fcntl(0, F_DUPFD_CLOEXEC, 0) < 0) return 71;
     }
   }
+  const int held = mode == "stall-exec" ? ::open(extra, O_RDONLY | O_CLOEXEC) : -1;
   const int fd = connectTo(argv[2]);
+  if (mode == "stall-exec") {
+    say(held < 0 ? "cannot open" : "stalling");
+    ::execl(argv[4], argv[4], "pause", "-", static_cast<char*>(nullptr));
+    return 127;
+  }
   if (mode == "early" || mode == "garbage" || mode == "descriptors" || mode == "oversized") {
     if (mode == "early") sendMessage(fd, LDRequestMessage{1});
     if (mode == "garbage") (void)::send(fd, "\x01\x02garbage!", 10, MSG_NOSIGNAL);

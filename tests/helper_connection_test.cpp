@@ -19,7 +19,7 @@ LDAdmittedPeer thisProcess() {
   peer.uid = ::getuid();
   peer.pidfd.reset(static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0)));
   peer.processDirectory.reset(::open(("/proc/" + std::to_string(::getpid())).c_str(), O_DIRECTORY | O_CLOEXEC));
-  peer.executable = std::move(LDOpenExecutable(peer.processDirectory.fileDescriptor()).value());
+  peer.verdict.executable = LDOpenExecutable(peer.processDirectory.fileDescriptor()).value().identity();
   return peer;
 }
 

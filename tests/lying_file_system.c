@@ -1,6 +1,7 @@
 // A hostile FUSE file system: one file, "app", that claims to be root-owned and set-group-ID to
 // GROUP and serves the bytes of SOURCE. It writes the pid of every process that asks it anything
-// to LOG, one line a request, so a test can prove the helper never asked.
+// to LOG, one line a request, so a test can prove the helper never asked. A second file, "stall",
+// never answers a FLUSH: a process that execs with it open close-on-exec stops inside the exec.
 //
 //   lying_file_system SOURCE GROUP LOG MOUNTPOINT [FUSE OPTIONS...]
 
@@ -11,6 +12,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 static char* contents;
 static size_t size;
@@ -31,6 +33,11 @@ static int getAttributes(const char* path, struct stat* status, struct fuse_file
     status->st_nlink = 2;
     return 0;
   }
+  if (strcmp(path, "/stall") == 0) {
+    status->st_mode = S_IFREG | 0644;
+    status->st_nlink = 1;
+    return 0;
+  }
   if (strcmp(path, "/app") != 0) return -ENOENT;
   status->st_mode = S_IFREG | 02755;
   status->st_nlink = 1;
@@ -42,7 +49,13 @@ static int getAttributes(const char* path, struct stat* status, struct fuse_file
 static int openFile(const char* path, struct fuse_file_info* info) {
   (void)info;
   note("open");
-  return strcmp(path, "/app") == 0 ? 0 : -ENOENT;
+  return strcmp(path, "/app") == 0 || strcmp(path, "/stall") == 0 ? 0 : -ENOENT;
+}
+
+static int flush(const char* path, struct fuse_file_info* info) {
+  (void)info;
+  while (strcmp(path, "/stall") == 0) pause();  // holds one of the server's threads for good
+  return 0;
 }
 
 static int readFile(const char* path, char* buffer, size_t length, off_t offset, struct fuse_file_info* info) {
@@ -69,7 +82,7 @@ int main(int argc, char** argv) {
   logFile = fopen(argv[3], "a");
   if (logFile == NULL) return 73;
   static const struct fuse_operations operations = {
-      .getattr = getAttributes, .open = openFile, .read = readFile};
+      .getattr = getAttributes, .open = openFile, .read = readFile, .flush = flush};
   argv[3] = argv[0];  // fuse_main sees: program MOUNTPOINT [OPTIONS...]
   return fuse_main(argc - 3, argv + 3, &operations, NULL);
 }

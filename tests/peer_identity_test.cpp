@@ -1,6 +1,7 @@
 // Admission's pinning of the peer process, on a socketpair whose peer is this very process.
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <sys/socket.h>
@@ -8,31 +9,42 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "platform/dispatch.h"
 #include "platform/peer_identity.h"
 
 namespace {
 
-TEST(PeerIdentity, WithoutPeerPidfdOnlyAProcessStartedBeforeTheAcceptIsPinned) {
+// How far admission gets with this unsigned test program as the peer tells which check refused it.
+TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBeforeTheSignature) {
   const std::optional<LDRequirement> requirement = LDParseRequirement("identifier \"com.example.nobody\"");
   ASSERT_TRUE(requirement);
   struct Case {
     bool usePeerPidfd;
     uint64_t acceptedAfter;
-    const char* reason;  // how far admission got: this test program is not signed
+    int extraDescriptors;
+    const char* reason;
   } cases[] = {
-      {false, 0, "the peer process could not be pinned down"},  // as if it started after the accept
-      {false, LDBootTimeTicks(), "signature (OSStatus -67062)"},
-      {true, 0, "signature (OSStatus -67062)"},  // the kernel names the process; no clock needed
+      {false, 0, 0, "the peer process could not be pinned down"},  // as if it started after the accept
+      {false, LDBootTimeTicks(), 0, "signature (OSStatus -67062)"},
+      {true, 0, 0, "signature (OSStatus -67062)"},  // the kernel names the process; no clock needed
+      {true, 0, 1100, "the peer holds more descriptors than a client needs"},
   };
+  rlimit limit{4096, 4096};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
   for (const Case& c : cases) {
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
     LDFileHandle ours(pair[0]), theirs(pair[1]);
+    std::vector<LDFileHandle> extra;
+    for (int i = 0; i < c.extraDescriptors; ++i) extra.emplace_back(::fcntl(0, F_DUPFD_CLOEXEC, 0));
     std::string reason;
     const LDAdmissionPolicy policy{.requireSecureExecution = false, .usePeerPidfd = c.usePeerPidfd};
-    EXPECT_FALSE(LDAdmitPeer(ours.fileDescriptor(), c.acceptedAfter, *requirement, LDTrustAnchors::compiledIn(),
-                             policy, &reason));
+    const std::optional<LDPinnedPeer> peer = LDPinPeer(ours.fileDescriptor(), policy, &reason);
+    ASSERT_TRUE(peer) << reason;
+    EXPECT_FALSE(LDExaminePeer(ours.fileDescriptor(), *peer, c.acceptedAfter, *requirement,
+                               LDTrustAnchors::compiledIn(), policy, &reason));
     EXPECT_EQ(reason.substr(0, std::string(c.reason).size()), c.reason) << reason;
   }
 }

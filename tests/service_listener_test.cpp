@@ -4,10 +4,14 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <chrono>
 #include <future>
 #include <mutex>
@@ -20,6 +24,8 @@
 
 namespace {
 
+int acceptCalls = 0;
+
 class Greeter final : public LDServiceListenerDelegate {
  public:
   bool listener(LDServiceListener&, LDHelperConnection& connection) override {
@@ -29,62 +35,155 @@ class Greeter final : public LDServiceListenerDelegate {
 };
 
 // What a client sees now: "hello" (a packet), "closed" (end of stream) or "nothing".
-std::string seen(int fd) {
+std::string seen(const LDFileHandle& fd) {
   char packet[64];
-  const ssize_t got = ::recv(fd, packet, sizeof packet, MSG_DONTWAIT | MSG_PEEK);
+  const ssize_t got = ::recv(fd.fileDescriptor(), packet, sizeof packet, MSG_DONTWAIT | MSG_PEEK);
   return got > 0 ? "hello" : got == 0 ? "closed" : "nothing";
 }
 
-TEST(ServiceListener, APeerStuckInAdmissionIsDroppedAtItsDeadlineWhileOthersAreServed) {
-  ldtest::TemporaryDirectory directory;
-  const std::string path = directory.file("helper.sock");
-  LDFileHandle listening = ldtest::seqpacketSocket(path, ldtest::Seqpacket::listening);
-  ASSERT_EQ(::fcntl(listening.fileDescriptor(), F_SETFL, O_NONBLOCK), 0);  // as the helper makes it
+// The examination in the workers, by the abstract name the client bound before connecting:
+// "stuck..." never gets past the checks that can wait on the peer, "slow..." never past the
+// signature; any other peer is admitted at once.
+std::optional<LDPeerVerdict> examineByName(int socket, const LDPinnedPeer&, uint64_t,
+                                           const std::function<void()>& inspected) {
+  sockaddr_un address{};
+  socklen_t length = sizeof address;
+  (void)::getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length);
+  const std::string name(address.sun_path + 1, length > sizeof(sa_family_t) + 1 ? length - sizeof(sa_family_t) - 1 : 0);
+  if (name.starts_with("slow")) inspected();
+  while (name.starts_with("stuck") || name.starts_with("slow")) ::pause();
+  return LDPeerVerdict{};
+}
 
-  std::promise<void> release, stuckReturned;
-  std::atomic<bool> stuckStarted{false};
-  std::shared_future<void> released = release.get_future().share();
+// A listener on a fresh socket, with its loop, greeting whoever it admits.
+class ServiceListenerTest : public testing::Test {
+ protected:
+  void SetUp() override { listenAt("helper.sock"); }
+  // A new listener, at a new path.
+  void listenAt(const std::string& name) {
+    path = directory.file(name);
+    LDFileHandle listening = ldtest::seqpacketSocket(path, ldtest::Seqpacket::listening);
+    ASSERT_EQ(::fcntl(listening.fileDescriptor(), F_SETFL, O_NONBLOCK), 0);  // as the helper makes it
+    listener = std::make_unique<LDServiceListener>(std::move(listening), loop);
+    listener->setExamination(examineByName);
+    listener->setDelegate(&greeter);
+  }
+  LDFileHandle connect(const std::string& name = "") {
+    LDFileHandle fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, name.data(), name.size());  // abstract: a leading NUL
+    const socklen_t length = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + name.size());
+    if (!name.empty()) {
+      EXPECT_EQ(::bind(fd.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    }
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(::connect(fd.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return fd;
+  }
+  // Turns the loop until done() holds, for at most the given time; returns done().
+  bool runUntil(const std::function<bool()>& done, int64_t nanoseconds = 3'000'000'000) {
+    const int64_t giveUp = LDRunLoop::now() + nanoseconds;
+    std::function<void()> check = [&] {
+      if (done() || LDRunLoop::now() > giveUp) return loop.stop();
+      loop.runAt(LDRunLoop::now() + 5'000'000, check);
+    };
+    loop.runAt(LDRunLoop::now(), check);
+    EXPECT_TRUE(loop.run());
+    return done();
+  }
+  static bool all(const std::vector<LDFileHandle>& clients, const std::string& state) {
+    return std::all_of(clients.begin(), clients.end(), [&](const LDFileHandle& c) { return seen(c) == state; });
+  }
+
+  ldtest::TemporaryDirectory directory;
+  std::string path;
   LDRunLoop loop;
   Greeter greeter;
-  auto listener = std::make_unique<LDServiceListener>(std::move(listening), loop);
-  const pid_t self = ::getpid();
-  listener->setAdmission(
-      [&, first = std::make_shared<std::atomic<bool>>(true)](int, uint64_t) -> std::optional<LDAdmittedPeer> {
-        if (first->exchange(false)) {  // the first peer: stuck far past its deadline
-          stuckStarted = true;
-          released.wait();
-          stuckReturned.set_value();
-          return std::nullopt;
-        }
-        LDAdmittedPeer peer;
-        peer.pid = self;
-        return peer;
-      },
-      50'000'000);
-  listener->setDelegate(&greeter);
-  listener->activate();
+  std::unique_ptr<LDServiceListener> listener;
+};
 
-  LDFileHandle stuck = ldtest::seqpacketSocket(path, ldtest::Seqpacket::connected), served;
-  // Bounded; it ends as soon as both clients have their answer. The second
-  // client connects once the first one's admission is under way.
-  const int64_t giveUp = LDRunLoop::now() + 2'000'000'000;
-  std::function<void()> check = [&] {
-    if (stuckStarted && !served.isValid()) served = ldtest::seqpacketSocket(path, ldtest::Seqpacket::connected);
-    if ((seen(stuck.fileDescriptor()) == "closed" && seen(served.fileDescriptor()) == "hello") ||
-        LDRunLoop::now() > giveUp) {
-      loop.stop();
-    } else {
-      loop.runAt(LDRunLoop::now() + 5'000'000, check);
-    }
-  };
-  loop.runAt(LDRunLoop::now(), check);
-  ASSERT_TRUE(loop.run());
+// Sixteen peers frozen before the checks that wait on them end, hold every slot; each is dropped
+// at the inspection deadline and its worker killed and reaped, so that the slots come back: peers
+// behind them are served, while those still verifying within the admission deadline keep theirs.
+TEST_F(ServiceListenerTest, StuckAdmissionsAreKilledAndTheirSlotsComeBack) {
+  listener->setTiming({.inspection = 50'000'000, .admission = 60'000'000'000});
+  ASSERT_TRUE(listener->activate());
+  std::vector<LDFileHandle> stuck, slow;
+  for (int i = 0; i < 16; ++i) stuck.push_back(connect("stuck" + std::to_string(i)));
+  for (int i = 0; i < 4; ++i) slow.push_back(connect("slow" + std::to_string(i)));
+  const LDFileHandle served = connect();
+  EXPECT_TRUE(runUntil([&] { return all(stuck, "closed") && seen(served) == "hello"; }));
+  EXPECT_TRUE(all(slow, "nothing")) << "still within the admission deadline";
+  const std::string children = ldtest::readFile("/proc/self/task/" + std::to_string(::getpid()) + "/children");
+  EXPECT_EQ(std::count(children.begin(), children.end(), ' '), 4) << "only the slow ones' workers are left";
+}
 
-  EXPECT_EQ(seen(stuck.fileDescriptor()), "closed") << "dropped at the deadline";
-  EXPECT_EQ(seen(served.fileDescriptor()), "hello") << "greeted while the other was stuck";
-  release.set_value();
-  stuckReturned.get_future().wait();
-  listener.reset();
+// The cap counts admitted connections, and a slot that comes back is used.
+TEST_F(ServiceListenerTest, ServesSixteenAtOnceAndTheSeventeenthWhenOneCloses) {
+  ASSERT_TRUE(listener->activate());
+  std::vector<LDFileHandle> clients;
+  for (size_t i = 0; i <= LDServiceListener::kMaximumConnections; ++i) clients.push_back(connect());
+  LDFileHandle last = std::move(clients.back());
+  clients.pop_back();
+  EXPECT_TRUE(runUntil([&] { return all(clients, "hello"); }));
+  runUntil([] { return false; }, 100'000'000);
+  EXPECT_EQ(seen(last), "nothing");
+  clients.front().reset();
+  EXPECT_TRUE(runUntil([&] { return seen(last) == "hello"; }));
+}
+
+int failingFork() {
+  static int calls = 0;
+  errno = EAGAIN;
+  return ++calls == 1 ? -1 : ::fork();
+}
+
+int emfileAccept(int, sockaddr*, socklen_t*, int) {
+  ++acceptCalls;
+  errno = EMFILE;
+  return -1;
+}
+
+int ignoreKill(int, int) { return 0; }
+
+// Kernel refusals: a worker that cannot be started refuses that peer only; accept out of
+// descriptors rests instead of spinning; a killed worker that does not die stops the accepting
+// and, with no connection left, ends the helper with 1.
+TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin) {
+  static const LDAdmissionWorker::Calls noFork{failingFork, LDAdmissionWorker::kSystemCalls.kill};
+  listener->setSystemCalls(::accept4, noFork);
+  ASSERT_TRUE(listener->activate());
+  const LDFileHandle refused = connect(), served = connect();
+  EXPECT_TRUE(runUntil([&] { return seen(refused) == "closed" && seen(served) == "hello"; }));
+
+  static const LDAdmissionWorker::Calls undying{::fork, ignoreKill};
+  std::optional<int> terminated;
+  listenAt("second.sock");
+  listener->setExamination([](int, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
+    ::usleep(500'000);  // ends by itself, long after the helper gave up on it
+    return std::optional<LDPeerVerdict>();
+  });
+  listener->setSystemCalls(::accept4, undying);
+  listener->setTiming({.inspection = 20'000'000, .killedWorker = 50'000'000});
+  listener->setTerminate([&](int status) { terminated = status; });
+  ASSERT_TRUE(listener->activate());
+  const LDFileHandle undead = connect();
+  EXPECT_TRUE(runUntil([&] { return terminated.has_value(); }));
+  EXPECT_EQ(terminated, 1);
+  const LDFileHandle late = connect();
+  runUntil([] { return false; }, 600'000'000);
+  EXPECT_EQ(seen(undead), "closed");
+  EXPECT_EQ(seen(late), "nothing") << "no longer accepting";
+
+  listenAt("third.sock");
+  listener->setSystemCalls(emfileAccept, LDAdmissionWorker::kSystemCalls);
+  listener->setTiming({.acceptRetry = 100'000'000});
+  ASSERT_TRUE(listener->activate());
+  const LDFileHandle waiting = connect();
+  runUntil([] { return false; }, 350'000'000);
+  EXPECT_GE(acceptCalls, 2) << "accepting resumes";
+  EXPECT_LE(acceptCalls, 6) << "once every 100 ms, not in a loop";
 }
 
 int failCreate(int) {
@@ -99,12 +198,27 @@ int interruptedThenBroken(int, epoll_event*, int, int) {
   return -1;
 }
 
+int refusedDescriptor = -1;
+int refuseOneAdd(int epoll, int operation, int fd, epoll_event* event) {
+  errno = ENOMEM;
+  return operation == EPOLL_CTL_ADD && fd == refusedDescriptor ? -1 : ::epoll_ctl(epoll, operation, fd, event);
+}
+
 TEST(RunLoop, AFailedEpollIsReportedNotTakenForAnEnding) {
   int errorNumber = 0;
-  EXPECT_FALSE(LDRunLoop({failCreate, ::epoll_wait}).isValid(&errorNumber));
+  EXPECT_FALSE(LDRunLoop({failCreate, ::epoll_wait, ::epoll_ctl}).isValid(&errorNumber));
   EXPECT_EQ(errorNumber, EMFILE);
 
-  LDRunLoop loop({::epoll_create1, interruptedThenBroken});
+  // A listening socket that epoll would not take: the listener says so instead of never accepting.
+  LDRunLoop refusing({::epoll_create1, ::epoll_wait, refuseOneAdd});
+  ldtest::TemporaryDirectory directory;
+  LDFileHandle socket = ldtest::seqpacketSocket(directory.file("s"), ldtest::Seqpacket::listening);
+  refusedDescriptor = socket.fileDescriptor();
+  LDServiceListener listener(std::move(socket), refusing);
+  EXPECT_FALSE(listener.activate(&errorNumber));
+  EXPECT_EQ(errorNumber, ENOMEM);
+
+  LDRunLoop loop({::epoll_create1, interruptedThenBroken, ::epoll_ctl});
   bool timerRan = false;
   loop.runAt(LDRunLoop::now(), [&] { timerRan = true; });
   EXPECT_FALSE(loop.run(&errorNumber));

@@ -26,8 +26,8 @@ LDHelperConnection::~LDHelperConnection() {
 }
 
 void LDHelperConnection::activate() {
-  _runLoop.watch(_socket.fileDescriptor(), EPOLLIN, [this](uint32_t events) { handleEvents(events); });
-  _watching = true;
+  _watching = _runLoop.watch(_socket.fileDescriptor(), EPOLLIN, [this](uint32_t events) { handleEvents(events); });
+  if (!_watching) return invalidate("epoll_ctl failed");
   send(LDHelloMessage{});
 }
 

@@ -50,6 +50,18 @@ int fail(const std::string& text) {
   return 1;
 }
 
+// Closes the connections already waiting, then writes the line. systemd starts the service again
+// for as long as a connection waits, so a helper that cannot serve must use the waiting ones up,
+// or every failed start would be followed by another at once.
+int cannotServe(int socket, const std::string& text) {
+  LDRefuseWaitingConnections(socket);
+  return fail(text);
+}
+
+std::string systemCallFailure(const char* call, int errorNumber) {
+  return std::string(call) + " failed: " + std::strerror(errorNumber);
+}
+
 }  // namespace
 
 int main() {
@@ -57,26 +69,22 @@ int main() {
     std::fputs(kMustRunAsRoot, stderr);
     return 1;
   }
+  std::optional<LDError> error;
+  const std::optional<std::string> requirement =
+      LDCodeSigningRequirementForIdentifier(LDAppSigningIdentifier, &error);
   // Only a socket handed over by socket activation is served: a helper started by hand (with
   // any arguments) binds nothing, so it can neither leave a socket file behind nor stay as a
   // root process that nobody started on purpose.
   bool activated = false;
   std::string problem;
   std::optional<LDFileHandle> socket = LDTakeActivatedSocket(&activated, &problem);
+  if (!requirement) {
+    const std::string text = error && !error->description().empty() ? error->description()
+                                                                     : "unable to derive the client requirement";
+    return socket ? cannotServe(socket->fileDescriptor(), text) : fail(text);
+  }
   if (!activated) return fail(LDNotSocketActivatedMessage());
   if (!socket) return fail(problem);
-
-  std::optional<LDError> error;
-  const std::optional<std::string> requirement =
-      LDCodeSigningRequirementForIdentifier(LDAppSigningIdentifier, &error);
-  if (!requirement) {
-    // systemd starts the service again for as long as a connection waits; closing the waiting
-    // ones makes every failed start cost at least one connection, so a helper that cannot serve
-    // never spins.
-    LDRefuseWaitingConnections(*socket);
-    return fail(error && !error->description().empty() ? error->description()
-                                                       : "unable to derive the client requirement");
-  }
 
   LDUtilityQueue utilityQueue;
   const std::shared_ptr<LDListenerService> service = LDListenerService::initWithPort(
@@ -86,13 +94,15 @@ int main() {
 
   LDRunLoop runLoop;
   int errorNumber = 0;
-  if (!runLoop.isValid(&errorNumber)) return fail(std::string("epoll_create1 failed: ") + std::strerror(errorNumber));
+  const int activatedSocket = socket->fileDescriptor();  // owned by the listener from here on
+  if (!runLoop.isValid(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("epoll_create1", errorNumber));
   LDServiceListener listener(std::move(*socket), runLoop);
   listener.setConnectionCodeSigningRequirement(*requirement);
   listener.setAdmissionPolicy(admissionPolicy());
   listener.setDelegate(&delegate);
-  listener.activate();
-  // The loop ends only through the terminate callback; a loop that cannot wait serves no one.
-  if (!runLoop.run(&errorNumber)) return fail(std::string("epoll_wait failed: ") + std::strerror(errorNumber));
+  listener.setTerminate([](int status) { std::exit(status); });
+  if (!listener.activate(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("epoll_ctl", errorNumber));
+  // The loop ends only through a terminate callback; a loop that cannot wait serves no one.
+  if (!runLoop.run(&errorNumber)) return fail(systemCallFailure("epoll_wait", errorNumber));
   return 0;
 }

@@ -26,21 +26,17 @@ int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid
 
 bool isAlive(int pidfd) { return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0u) == 0; }
 
-// The peer's pidfd from the socket itself; otherwise one opened by pid, accepted only for a
-// process that had started by the time the connection was accepted (so not a later one that
-// reused the number).
-LDFileHandle peerPidfd(int socket, pid_t pid, int processDirectory, uint64_t acceptedAfter, bool usePeerPidfd) {
+// The peer's pidfd from the socket itself, or else one opened by its pid (*fromSocket false), which
+// names the right process only if that process had started by the accept: LDExaminePeer checks.
+LDFileHandle peerPidfd(int socket, pid_t pid, bool usePeerPidfd, bool* fromSocket) {
   if (usePeerPidfd) {
     int pidfd = -1;
     socklen_t length = sizeof pidfd;
-    if (::getsockopt(socket, SOL_SOCKET, kSoPeerPidfd, &pidfd, &length) == 0 && pidfd >= 0) {
-      return LDFileHandle(pidfd);
-    }
+    *fromSocket = ::getsockopt(socket, SOL_SOCKET, kSoPeerPidfd, &pidfd, &length) == 0 && pidfd >= 0;
+    if (*fromSocket) return LDFileHandle(pidfd);
   }
-  LDFileHandle opened(openPidfd(pid));
-  const std::optional<uint64_t> started = LDReadStartTime(processDirectory);
-  if (!opened.isValid() || !started || *started > acceptedAfter) return LDFileHandle();
-  return opened;
+  *fromSocket = false;
+  return LDFileHandle(openPidfd(pid));
 }
 
 // The inode of the other end of a connected AF_UNIX socket, asked of the kernel's sock_diag.
@@ -137,9 +133,7 @@ uint64_t LDBootTimeTicks() {
          static_cast<uint64_t>(now.tv_nsec) * ticksPerSecond / 1'000'000'000u;
 }
 
-std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, uint64_t acceptedAfter, const LDRequirement& requirement,
-                                          const LDTrustAnchors& anchors, const LDAdmissionPolicy& policy,
-                                          std::string* reason) {
+std::optional<LDPinnedPeer> LDPinPeer(int socket, const LDAdmissionPolicy& policy, std::string* reason) {
   ucred credentials{};
   socklen_t length = sizeof credentials;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 || credentials.pid <= 0) {
@@ -151,83 +145,117 @@ std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, uint64_t acceptedAfter, co
     *reason = std::string("SO_PASSCRED: ") + std::strerror(errno);
     return std::nullopt;
   }
-  LDAdmittedPeer peer;
+  LDPinnedPeer peer;
   peer.pid = credentials.pid;
   peer.uid = credentials.uid;
+  peer.gid = credentials.gid;
   const std::string directory = "/proc/" + std::to_string(credentials.pid);
   peer.processDirectory.reset(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!peer.processDirectory.isValid()) {
+  peer.pidfd = peerPidfd(socket, credentials.pid, policy.usePeerPidfd, &peer.pidfdFromSocket);
+  if (!peer.processDirectory.isValid() || !peer.pidfd.isValid()) {
     *reason = "the peer process is gone";
     return std::nullopt;
   }
+  return peer;
+}
+
+namespace {
+
+// The cheap filter, from the one /proc file that no exec holds up: a process in secure execution
+// connected with its effective gid, and its real gid is another. A process frozen inside an exec
+// still has the credentials of the program that connected, so it fails here unless that program
+// was itself running set-group-ID.
+std::string connectedGroupProblem(const LDPinnedPeer& peer, const std::optional<LDProcessGroups>& groups) {
+  if (!groups) return "the peer's groups cannot be read";
+  if (groups->effective != peer.gid) return "the peer did not connect with its effective group";
+  if (groups->real == groups->effective) return "the peer does not run set-group-ID";
+  return "";
+}
+
+// The rest of what can be learnt without reading the executable, cheapest first.
+std::string inspectionProblem(const LDPinnedPeer& peer, uint64_t acceptedAfter, const LDAdmissionPolicy& policy,
+                              std::optional<LDExecutableFile>* executable) {
   const int process = peer.processDirectory.fileDescriptor();
-  peer.pidfd = peerPidfd(socket, credentials.pid, process, acceptedAfter, policy.usePeerPidfd);
-  if (!peer.pidfd.isValid()) {
-    *reason = "the peer process could not be pinned down";
-    return std::nullopt;
+  std::optional<LDProcessGroups> groups;
+  if (policy.requireSecureExecution) {
+    groups = LDReadProcessGroups(process);
+    std::string problem = connectedGroupProblem(peer, groups);
+    if (!problem.empty()) return problem;
+  }
+  if (!peer.pidfdFromSocket) {
+    // Opened by pid after the accept: it names the peer only if that process had started by then.
+    const std::optional<uint64_t> started = LDReadStartTime(process);
+    if (!started || *started > acceptedAfter) return "the peer process could not be pinned down";
   }
   // A private user namespace could rewrite the process's exe link, mounts and credentials.
-  if (!LDSharesInitialUserNamespace(process)) {
-    *reason = "the peer runs in a user namespace of its own";
-    return std::nullopt;
-  }
+  if (!LDSharesInitialUserNamespace(process)) return "the peer runs in a user namespace of its own";
+  // Also implied by the groups (only an exec into a set-group-ID file splits them, unless root
+  // did it, and root needs no helper), but cheap and independent of them.
   if (policy.requireSecureExecution && LDReadSecureExecution(process) != true) {
-    *reason = "the peer was not started in secure-execution mode";
-    return std::nullopt;
+    return "the peer was not started in secure-execution mode";
   }
-  std::optional<LDExecutableFile> executable = LDOpenExecutable(process);
+  *executable = LDOpenExecutable(process);
   // Alive after /proc/<pid> and its exe were opened: both belong to the pidfd's process, not to a
   // later one that took the number.
-  if (!executable || !isAlive(peer.pidfd.fileDescriptor())) {
-    *reason = "the peer's executable cannot be found";
-    return std::nullopt;
+  if (!*executable || !isAlive(peer.pidfd.fileDescriptor())) return "the peer's executable cannot be found";
+  std::string problem = executableProblem(process, **executable, policy.requireSecureExecution);
+  if (!problem.empty()) return problem;
+  if (policy.requireSecureExecution) {
+    if (peer.gid != (*executable)->group) return "the peer did not connect with its executable's group";
+    problem = groupProblem(*groups, (*executable)->group);
+    if (!problem.empty()) return problem;
   }
-  std::string problem = executableProblem(process, *executable, policy.requireSecureExecution);
-  if (problem.empty() && policy.requireSecureExecution) {
-    peer.applicationGroup = executable->group;
-    if (credentials.gid != executable->group) {
-      problem = "the peer did not connect with its executable's group";
-    } else {
-      const std::optional<LDProcessGroups> groups = LDReadProcessGroups(process);
-      problem = groups ? groupProblem(*groups, executable->group) : "the peer's groups cannot be read";
-    }
+  if (LDCountDescriptors(process, policy.maximumDescriptors) > policy.maximumDescriptors) {
+    return "the peer holds more descriptors than a client needs";  // before any costly check
   }
-  if (problem.empty() && LDCountDescriptors(process, policy.maximumDescriptors) > policy.maximumDescriptors) {
-    problem = "the peer holds more descriptors than a client needs";  // before the costly checks
-  }
-  if (!problem.empty()) {
-    *reason = problem;
-    return std::nullopt;
-  }
+  return "";
+}
+
+// The costly checks: the signature, read through the very file inspected, and the descriptor scan.
+std::string verificationProblem(int socket, const LDPinnedPeer& peer, const LDExecutableFile& executable,
+                                const LDRequirement& requirement, const LDTrustAnchors& anchors,
+                                const LDAdmissionPolicy& policy) {
   // Opened for reading through the O_PATH descriptor, so it is the very file looked at above.
-  const std::string reopen = "/proc/self/fd/" + std::to_string(executable->path.fileDescriptor());
+  const std::string reopen = "/proc/self/fd/" + std::to_string(executable.path.fileDescriptor());
   LDFileHandle contents(::open(reopen.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat opened {};
   if (!contents.isValid() || ::fstat(contents.fileDescriptor(), &opened) != 0 ||
-      opened.st_dev != executable->device || opened.st_ino != executable->inode) {
-    *reason = "the peer's executable cannot be read";
-    return std::nullopt;
+      opened.st_dev != executable.device || opened.st_ino != executable.inode) {
+    return "the peer's executable cannot be read";
   }
   std::string detail;
   const int32_t verified = LDCheckSignatureOfDescriptor(contents.fileDescriptor(), &requirement, anchors, &detail);
-  if (verified != 0) {
-    *reason = "signature (OSStatus " + std::to_string(verified) + "): " + detail;
-    return std::nullopt;
-  }
+  if (verified != 0) return "signature (OSStatus " + std::to_string(verified) + "): " + detail;
   // Last, as it is the costliest for a peer with many descriptors: a socket that crossed an exec
   // cannot be close-on-exec, so a connection made by one program cannot pass for one made by
   // the signed program it exec'd.
   const std::optional<ino_t> peerSocket = peerSocketInode(socket);
-  const LDSocketCopies copies =
-      peerSocket ? LDScanSocketCopies(process, *peerSocket, policy.maximumDescriptors) : LDSocketCopies::unreadable;
+  const LDSocketCopies copies = peerSocket ? LDScanSocketCopies(peer.processDirectory.fileDescriptor(), *peerSocket,
+                                                                policy.maximumDescriptors)
+                                           : LDSocketCopies::unreadable;
+  if (copies == LDSocketCopies::tooManyDescriptors) return "the peer holds more descriptors than a client needs";
   if (copies != LDSocketCopies::allCloseOnExec) {
-    *reason = copies == LDSocketCopies::tooManyDescriptors
-                  ? "the peer holds more descriptors than a client needs"
-                  : "the peer's end of the connection is not close-on-exec, so it may predate the program now running";
-    return std::nullopt;
+    return "the peer's end of the connection is not close-on-exec, so it may predate the program now running";
   }
-  peer.executable = std::move(*executable);
-  return peer;
+  return "";
+}
+
+}  // namespace
+
+std::optional<LDPeerVerdict> LDExaminePeer(int socket, const LDPinnedPeer& peer, uint64_t acceptedAfter,
+                                           const LDRequirement& requirement, const LDTrustAnchors& anchors,
+                                           const LDAdmissionPolicy& policy, std::string* reason,
+                                           const std::function<void()>& inspected) {
+  std::optional<LDExecutableFile> executable;
+  *reason = inspectionProblem(peer, acceptedAfter, policy, &executable);
+  if (!reason->empty()) return std::nullopt;
+  if (inspected) inspected();
+  *reason = verificationProblem(socket, peer, *executable, requirement, anchors, policy);
+  if (!reason->empty()) return std::nullopt;
+  LDPeerVerdict verdict;
+  verdict.executable = executable->identity();
+  if (policy.requireSecureExecution) verdict.applicationGroup = executable->group;
+  return verdict;
 }
 
 bool LDPeerIsStillAdmitted(const LDAdmittedPeer& peer, pid_t senderPid, std::string* reason) {
@@ -241,13 +269,14 @@ bool LDPeerIsStillAdmitted(const LDAdmittedPeer& peer, pid_t senderPid, std::str
     *reason = "the admitted process is gone";
     return false;
   }
-  if (!LDRunsExecutable(process, peer.executable)) {
+  if (!LDRunsExecutable(process, peer.verdict.executable)) {
     *reason = "the admitted process no longer runs the verified executable";
     return false;
   }
-  if (peer.applicationGroup) {
+  if (peer.verdict.applicationGroup) {
     const std::optional<LDProcessGroups> groups = LDReadProcessGroups(process);
-    const std::string problem = groups ? groupProblem(*groups, *peer.applicationGroup) : "its groups cannot be read";
+    const std::string problem =
+        groups ? groupProblem(*groups, *peer.verdict.applicationGroup) : "its groups cannot be read";
     if (!problem.empty()) {
       *reason = "the admitted process changed: " + problem;
       return false;

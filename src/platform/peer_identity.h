@@ -3,10 +3,18 @@
 // Who is on the other end of an accepted AF_UNIX connection, proven by the code signature of the
 // executable the peer process runs and by the secure execution it runs in, and kept proven for
 // every later message.
+//
+// Admission has two halves. Pinning the peer (LDPinPeer) asks the kernel only what it answers at
+// once. Examining it (LDExaminePeer) reads the peer's /proc files and its executable, and some of
+// those reads wait for as long as the peer is inside an exec: a process that execs with a
+// close-on-exec file of a FUSE server that never answers stays there, and with it every reader of
+// its stat, exe, ns/user and auxv. So the examination runs in a worker process that the helper
+// can kill (admission_worker.h).
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -25,27 +33,50 @@ struct LDAdmissionPolicy {
   size_t maximumDescriptors = 1024;
 };
 
+// The peer process as the kernel names it at the accept.
+struct LDPinnedPeer {
+  pid_t pid = -1;
+  uid_t uid = 0;
+  gid_t gid = 0;                    // the effective gid it connected with
+  LDFileHandle pidfd;               // names the process, not just its number
+  bool pidfdFromSocket = false;     // false: opened by pid, so the start time must be checked
+  LDFileHandle processDirectory;    // /proc/<pid>
+};
+
+// What the examination proved: the executable the peer runs and, when secure execution is
+// required, the group it runs with.
+struct LDPeerVerdict {
+  LDExecutableIdentity executable;
+  std::optional<gid_t> applicationGroup;
+};
+
 struct LDAdmittedPeer {
   pid_t pid = -1;
   uid_t uid = 0;
-  LDFileHandle pidfd;             // names the process, not just its number
+  LDFileHandle pidfd;
   LDFileHandle processDirectory;  // /proc/<pid> of that very process
-  LDExecutableFile executable;    // the verified executable
-  std::optional<gid_t> applicationGroup;  // the set-group-ID group, when secure execution is required
+  LDPeerVerdict verdict;
 };
 
 // CLOCK_BOOTTIME in clock ticks, the unit of a process's start time. Read it before accept: a
 // process that started later cannot be the one that connected.
 uint64_t LDBootTimeTicks();
 
-// Admits the peer of the connected socket, or returns nothing and the reason in *reason. Checks
-// run cheapest first; the executable is opened for reading only once it is known to be a
-// root-owned file on a local file system (and, by policy, set-group-ID and running as such).
-// Turns on SO_PASSCRED so that every later message names its sender. Reads nothing from the
-// socket. acceptedAfter is an LDBootTimeTicks reading from before the accept.
-std::optional<LDAdmittedPeer> LDAdmitPeer(int socket, uint64_t acceptedAfter, const LDRequirement& requirement,
-                                          const LDTrustAnchors& anchors, const LDAdmissionPolicy& policy,
-                                          std::string* reason);
+// The peer's credentials, pidfd and /proc directory, and SO_PASSCRED turned on so that every later
+// message names its sender. Nothing here waits on the peer. Nothing and *reason on failure.
+std::optional<LDPinnedPeer> LDPinPeer(int socket, const LDAdmissionPolicy& policy, std::string* reason);
+
+// Every check that reads the peer's /proc files or its executable, cheapest first: its groups
+// (from /proc/<pid>/status, which no exec holds up), then the pin's start time, user namespace,
+// secure execution, executable and mount, descriptor count; then, after `inspected`, the
+// signature against the requirement and the close-on-exec scan of the peer's copies of socket.
+// `inspected` is called once every check before the signature has passed, that is once no more
+// waiting on the peer's exec is to be expected. acceptedAfter is an LDBootTimeTicks reading from
+// before the accept. Reads nothing from the socket.
+std::optional<LDPeerVerdict> LDExaminePeer(int socket, const LDPinnedPeer& peer, uint64_t acceptedAfter,
+                                           const LDRequirement& requirement, const LDTrustAnchors& anchors,
+                                           const LDAdmissionPolicy& policy, std::string* reason,
+                                           const std::function<void()>& inspected = {});
 
 // True while a message whose sender the kernel reported as senderPid comes from the admitted
 // process, which still runs the verified executable with the same groups.

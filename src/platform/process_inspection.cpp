@@ -142,7 +142,7 @@ std::optional<LDExecutableFile> LDOpenExecutable(int processDirectory) {
   return executable;
 }
 
-bool LDRunsExecutable(int processDirectory, const LDExecutableFile& executable) {
+bool LDRunsExecutable(int processDirectory, const LDExecutableIdentity& executable) {
   struct statx status {};
   return ::statx(processDirectory, "exe", AT_STATX_DONT_SYNC, STATX_INO | STATX_MNT_ID, &status) == 0 &&
          (status.stx_mask & STATX_MNT_ID) != 0 && status.stx_mnt_id == executable.mountId &&

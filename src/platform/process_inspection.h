@@ -35,6 +35,13 @@ bool LDSharesInitialUserNamespace(int processDirectory);
 // Field 22 of /proc/<pid>/stat: when the process started, in clock ticks of CLOCK_BOOTTIME.
 std::optional<uint64_t> LDReadStartTime(int processDirectory);
 
+// Which file a process runs: enough to tell, later, whether it still runs that very file.
+struct LDExecutableIdentity {
+  uint64_t mountId = 0;
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
 // The executable of the process as an O_PATH descriptor, and what statx reports of it without
 // asking its file system to refresh anything.
 struct LDExecutableFile {
@@ -46,11 +53,12 @@ struct LDExecutableFile {
   uid_t owner = 0;
   gid_t group = 0;
   uint32_t links = 0;
+  LDExecutableIdentity identity() const { return {mountId, device, inode}; }
 };
 std::optional<LDExecutableFile> LDOpenExecutable(int processDirectory);
 
 // Device, inode and mount of the executable now, for comparing with an earlier LDOpenExecutable.
-bool LDRunsExecutable(int processDirectory, const LDExecutableFile& executable);
+bool LDRunsExecutable(int processDirectory, const LDExecutableIdentity& executable);
 
 // The line of /proc/<pid>/mountinfo for a mount, as far as admission needs it.
 struct LDMount {

@@ -26,21 +26,20 @@ std::vector<std::function<void()>> LDRunLoopMailbox::take() {
   return std::exchange(_posted, {});
 }
 
-const LDRunLoop::Calls LDRunLoop::kSystemCalls = {::epoll_create1, ::epoll_wait};
+const LDRunLoop::Calls LDRunLoop::kSystemCalls = {::epoll_create1, ::epoll_wait, ::epoll_ctl};
 
 LDRunLoop::LDRunLoop(const Calls& calls)
     : _calls(calls), _mailbox(std::make_shared<LDRunLoopMailbox>()) {
   _epoll.reset(_calls.create(EPOLL_CLOEXEC));
   _creationError = _epoll.isValid() ? 0 : errno;
-  if (_epoll.isValid() && _mailbox->isValid()) {
-    watch(_mailbox->fileDescriptor(), EPOLLIN, [this](uint32_t) {
-      for (std::function<void()>& fn : _mailbox->take()) fn();
-    });
-  }
+  _mailboxWatched = _epoll.isValid() && _mailbox->isValid() &&
+                    watch(_mailbox->fileDescriptor(), EPOLLIN, [this](uint32_t) {
+                      for (std::function<void()>& fn : _mailbox->take()) fn();
+                    }, &_creationError);
 }
 
 bool LDRunLoop::isValid(int* errorNumber) const {
-  if (_epoll.isValid() && _mailbox->isValid()) return true;
+  if (_mailboxWatched) return true;
   if (errorNumber) *errorNumber = _creationError != 0 ? _creationError : EMFILE;
   return false;
 }
@@ -51,23 +50,29 @@ int64_t LDRunLoop::now() {
   return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
-void LDRunLoop::watch(int fd, uint32_t events, Handler handler) {
+bool LDRunLoop::watch(int fd, uint32_t events, Handler handler, int* errorNumber) {
   epoll_event event{};
   event.events = events;
   event.data.fd = fd;
-  (void)::epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_ADD, fd, &event);
+  const int failure = _calls.control(_epoll.fileDescriptor(), EPOLL_CTL_ADD, fd, &event) == 0 ? 0 : errno;
+  if (failure != 0) {
+    if (errorNumber) *errorNumber = failure;
+    return false;
+  }
   _watches[fd] = Watch{_nextGeneration++, std::move(handler)};
+  return true;
 }
 
 void LDRunLoop::modify(int fd, uint32_t events) {
+  // Only for a watched descriptor: the kernel has already accepted it, and MOD allocates nothing.
   epoll_event event{};
   event.events = events;
   event.data.fd = fd;
-  (void)::epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_MOD, fd, &event);
+  (void)_calls.control(_epoll.fileDescriptor(), EPOLL_CTL_MOD, fd, &event);
 }
 
 void LDRunLoop::unwatch(int fd) {
-  (void)::epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_DEL, fd, nullptr);
+  (void)_calls.control(_epoll.fileDescriptor(), EPOLL_CTL_DEL, fd, nullptr);
   _watches.erase(fd);
 }
 
@@ -87,6 +92,7 @@ void LDRunLoop::cancel(uint64_t identifier) {
 }
 
 bool LDRunLoop::run(int* errorNumber) {
+  _stopping = false;
   std::vector<epoll_event> events(16);
   while (!_stopping) {
     int timeout = -1;

@@ -41,6 +41,7 @@ class LDRunLoop {
   struct Calls {
     int (*create)(int flags);
     int (*wait)(int epoll, struct epoll_event* events, int count, int timeout);
+    int (*control)(int epoll, int operation, int fd, struct epoll_event* event);
   };
   static const Calls kSystemCalls;
 
@@ -52,8 +53,9 @@ class LDRunLoop {
   bool isValid(int* errorNumber = nullptr) const;
   const std::shared_ptr<LDRunLoopMailbox>& mailbox() const { return _mailbox; }
 
-  // Calls handler with the epoll events whenever fd is ready for `events`.
-  void watch(int fd, uint32_t events, Handler handler);
+  // Calls handler with the epoll events whenever fd is ready for `events`. False, with
+  // *errorNumber, when the kernel would not add fd: then nothing is watched.
+  [[nodiscard]] bool watch(int fd, uint32_t events, Handler handler, int* errorNumber = nullptr);
   void modify(int fd, uint32_t events);
   // Safe from inside any handler, for any fd: an event already collected for it is dropped.
   void unwatch(int fd);
@@ -63,7 +65,7 @@ class LDRunLoop {
   uint64_t runAt(int64_t deadlineNanoseconds, std::function<void()> fn);
   void cancel(uint64_t identifier);
 
-  // Turns until stop() is called (from a handler): true. Waiting is retried on EINTR; any other
+  // Turns until stop() is called (from a handler): true. May be called again after that. Waiting is retried on EINTR; any other
   // failure to wait returns false with *errorNumber, as the loop cannot go on.
   bool run(int* errorNumber = nullptr);
   void stop() { _stopping = true; }
@@ -78,6 +80,7 @@ class LDRunLoop {
   const Calls _calls;
   LDFileHandle _epoll;
   int _creationError = 0;
+  bool _mailboxWatched = false;
   std::shared_ptr<LDRunLoopMailbox> _mailbox;
   std::map<int, Watch> _watches;
   std::multimap<int64_t, std::pair<uint64_t, std::function<void()>>> _timers;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "shared/constants.h"
 
@@ -23,10 +24,19 @@ std::optional<long> numberFromEnvironment(const char* name) {
   return value;
 }
 
-int intOption(int fd, int level, int name) {
+int intOption(LDSystemCalls& calls, int fd, int level, int name) {
   int value = -1;
   socklen_t length = sizeof value;
-  return ::getsockopt(fd, level, name, &value, &length) == 0 ? value : -1;
+  return calls.getsockopt(fd, level, name, &value, &length).value == 0 ? value : -1;
+}
+
+// The activated socket made close-on-exec and non-blocking; an error text if it could not be.
+std::string prepareActivatedSocket(LDSystemCalls& calls, int fd) {
+  LDSystemCallResult result = calls.fcntl(fd, F_SETFD, FD_CLOEXEC);
+  if (result.value == 0) result = calls.fcntl(fd, F_GETFL, 0);
+  if (result.value >= 0) result = calls.fcntl(fd, F_SETFL, static_cast<int>(result.value) | O_NONBLOCK);
+  if (result.value == -1) return std::string("fcntl on the activated socket failed: ") + std::strerror(result.errorNumber);
+  return "";
 }
 
 }  // namespace
@@ -38,7 +48,7 @@ std::string LDNotSocketActivatedMessage() {
          ".socket or run it under systemd-socket-activate --seqpacket -l PATH";
 }
 
-std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* error) {
+std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* error, LDSystemCalls& calls) {
   const std::optional<long> pid = numberFromEnvironment("LISTEN_PID");
   const std::optional<long> count = numberFromEnvironment("LISTEN_FDS");
   ::unsetenv("LISTEN_PID");
@@ -51,22 +61,22 @@ std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* 
     return std::nullopt;
   }
   LDFileHandle socket(kFirstActivatedDescriptor);
-  (void)::fcntl(socket.fileDescriptor(), F_SETFD, FD_CLOEXEC);
-  if (intOption(socket.fileDescriptor(), SOL_SOCKET, SO_DOMAIN) != AF_UNIX ||
-      intOption(socket.fileDescriptor(), SOL_SOCKET, SO_TYPE) != SOCK_SEQPACKET ||
-      intOption(socket.fileDescriptor(), SOL_SOCKET, SO_ACCEPTCONN) != 1) {
+  const int fd = socket.fileDescriptor();
+  if (intOption(calls, fd, SOL_SOCKET, SO_DOMAIN) != AF_UNIX || intOption(calls, fd, SOL_SOCKET, SO_TYPE) != SOCK_SEQPACKET ||
+      intOption(calls, fd, SOL_SOCKET, SO_ACCEPTCONN) != 1) {
     *error = "the activated socket is not a listening AF_UNIX SOCK_SEQPACKET socket";
     return std::nullopt;
   }
-  const int flags = ::fcntl(socket.fileDescriptor(), F_GETFL);
-  (void)::fcntl(socket.fileDescriptor(), F_SETFL, flags | O_NONBLOCK);
+  // A socket that stayed blocking would stop the whole helper in accept once a peer gave up.
+  *error = prepareActivatedSocket(calls, fd);
+  if (!error->empty()) return std::nullopt;
   return socket;
 }
 
-size_t LDRefuseWaitingConnections(const LDFileHandle& socket, size_t maximum) {
+size_t LDRefuseWaitingConnections(int socket, size_t maximum) {
   size_t refused = 0;
   while (refused < maximum) {
-    const int connection = ::accept4(socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int connection = ::accept4(socket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     const int errorNumber = connection < 0 ? errno : 0;
     if (connection < 0) {
       if (errorNumber == EINTR || errorNumber == ECONNABORTED) continue;

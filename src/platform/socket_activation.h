@@ -8,6 +8,7 @@
 #include <string>
 
 #include "shared/file_handle.h"
+#include "shared/system_calls.h"
 
 // /run/<service name>.sock
 std::string LDServiceSocketPath();
@@ -16,12 +17,14 @@ std::string LDServiceSocketPath();
 std::string LDNotSocketActivatedMessage();
 
 // The activated socket (fd 3) if LISTEN_PID is this process and LISTEN_FDS is 1, checked to be a
-// listening AF_UNIX SOCK_SEQPACKET socket; the LISTEN_* variables are removed either way.
-// Nothing (and *activated false) when this process was not socket-activated.
-std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* error);
+// listening AF_UNIX SOCK_SEQPACKET socket and made close-on-exec and non-blocking; the LISTEN_*
+// variables are removed either way. Nothing (and *activated false) when this process was not
+// socket-activated; nothing and *error when it was, but the socket cannot be served.
+std::optional<LDFileHandle> LDTakeActivatedSocket(bool* activated, std::string* error,
+                                                  LDSystemCalls& calls = LDSystemCalls::real());
 
 // Accepts and closes every connection already waiting on a listening socket (at most
 // maximum). A helper that cannot serve calls this before it exits: systemd starts the service
 // again as long as a connection waits, so each failed start must use the waiting ones up.
 // Returns how many it closed.
-size_t LDRefuseWaitingConnections(const LDFileHandle& socket, size_t maximum = 4096);
+size_t LDRefuseWaitingConnections(int socket, size_t maximum = 4096);

@@ -59,7 +59,7 @@ LDSystemCallResult LDSystemCalls::poll(pollfd* fds, nfds_t count, int timeoutMil
 LDSystemCallResult LDSystemCalls::dup(int fd) { return fromInt(::dup(fd)); }
 
 LDSystemCallResult LDSystemCalls::fcntl(int fd, int command, int argument) {
-  return fromInt(command == F_GETFD ? ::fcntl(fd, command) : ::fcntl(fd, command, argument));
+  return fromInt(command == F_GETFD || command == F_GETFL ? ::fcntl(fd, command) : ::fcntl(fd, command, argument));
 }
 
 LDSystemCallResult LDSystemCalls::inet_pton(int family, const char* text, void* address) {

@@ -38,7 +38,7 @@ class LDSystemCalls {
   virtual LDSystemCallResult getsockname(int fd, sockaddr* address, socklen_t* length);
   virtual LDSystemCallResult poll(pollfd* fds, nfds_t count, int timeoutMilliseconds);
   virtual LDSystemCallResult dup(int fd);
-  // Only the argument-less F_GETFD and the int-argument F_SETFD are needed.
+  // Only the argument-less F_GETFD and F_GETFL and the int-argument F_SETFD and F_SETFL are needed.
   virtual LDSystemCallResult fcntl(int fd, int command, int argument);
   // value: 1 converted, 0 not a valid address, -1 with errorNumber for an unknown family.
   virtual LDSystemCallResult inet_pton(int family, const char* text, void* address);

@@ -62,7 +62,7 @@ LDFileHandle seqpacketSocket(const std::string& path, Seqpacket what) {
                         ? ::connect(fd.fileDescriptor(), generic, sizeof address) == 0
                         : ::bind(fd.fileDescriptor(), generic, sizeof address) == 0 &&
                               (what == Seqpacket::bound ||
-                               (::chmod(path.c_str(), 0666) == 0 && ::listen(fd.fileDescriptor(), 16) == 0));
+                               (::chmod(path.c_str(), 0666) == 0 && ::listen(fd.fileDescriptor(), 64) == 0));
   if (!done) throw std::runtime_error("seqpacket socket at " + path + ": " + std::strerror(errno));
   return fd;
 }

@@ -22,7 +22,7 @@ namespace ldtest {
 class ScriptedSystemCalls : public LDSystemCalls {
  public:
   // Call names: "socket", "bind", "listen", "connect", "accept", "getsockname", "poll", "dup",
-  // "inet_pton", "inet_ntop", "getrandom", "fcntl(F_GETFD)", "fcntl(F_SETFD)", and
+  // "inet_pton", "inet_ntop", "getrandom", "fcntl(F_GETFD)", "fcntl(F_SETFD)", "fcntl(F_SETFL)", and
   // "setsockopt(N)" / "getsockopt(N)" with N one of SO_REUSEADDR, SO_TYPE, SO_ACCEPTCONN,
   // IPV6_V6ONLY. occurrence counts from 1; 0 means every call of that name.
   void script(const std::string& call, int occurrence, long value, int errorNumber, std::optional<int> optionValue = {}) {
@@ -48,7 +48,8 @@ class ScriptedSystemCalls : public LDSystemCalls {
   LD_SCRIPTED(getsockname, "getsockname", (int fd, sockaddr* a, socklen_t* l), (fd, a, l))
   LD_SCRIPTED(poll, "poll", (pollfd* f, nfds_t c, int t), (f, c, t))
   LD_SCRIPTED(dup, "dup", (int fd), (fd))
-  LD_SCRIPTED(fcntl, c == F_GETFD ? "fcntl(F_GETFD)" : "fcntl(F_SETFD)", (int fd, int c, int a), (fd, c, a))
+  LD_SCRIPTED(fcntl, c == F_GETFD ? "fcntl(F_GETFD)" : c == F_SETFD ? "fcntl(F_SETFD)" : c == F_SETFL ? "fcntl(F_SETFL)" : "fcntl",
+              (int fd, int c, int a), (fd, c, a))
   LD_SCRIPTED(inet_pton, "inet_pton", (int f, const char* t, void* a), (f, t, a))
   LD_SCRIPTED(inet_ntop, "inet_ntop", (int f, const void* a, char* t, socklen_t s), (f, a, t, s))
 #undef LD_SCRIPTED
