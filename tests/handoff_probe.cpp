@@ -7,7 +7,10 @@
 //   handoff_probe hold PATH                                 request, wait for "go" on stdin, complete
 //   handoff_probe no-ack PATH                               request, never complete, wait for the end
 //   handoff_probe after-hello-garbage PATH                  garbage after Hello, report
-//   handoff_probe drop-group PATH                           greeted, give the group up, then request
+//   handoff_probe drop-saved-group|drop-fs-group PATH       greeted, give up only that gid of the
+//                                                           application's group, then request
+//   handoff_probe drop-saved-group-first|drop-fs-group-first PATH
+//                                                           give up only that gid, then greet
 //   handoff_probe many-descriptors PATH N                   hold N more descriptors, then greet
 //   handoff_probe forked-sender PATH PROGRAM                a child running PROGRAM asks on our socket
 //   handoff_probe connect-then-exec PATH PROGRAM            connect, then exec PROGRAM on the socket
@@ -18,7 +21,7 @@
 //                                                           inherited socket
 //   handoff_probe pause -                                   say "waiting", wait to be killed
 //   handoff_probe stall-exec PATH FILE PROGRAM              connect with FILE open close-on-exec,
-//                                                           say "stalling", exec PROGRAM
+//                                                           say "stalling PID FD", exec PROGRAM
 //   handoff_probe inherited-ask FD                          request on an inherited socket, report
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 //   handoff_probe steal PID                                 try to take PID's descriptors
@@ -27,6 +30,7 @@
 #include <poll.h>
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -133,6 +137,14 @@ std::string steal(pid_t target) {
   return stolen > 0 ? "stolen " + std::to_string(stolen) : denied ? "refused" : "nothing to take";
 }
 
+// Gives up the application's group in the saved or in the file-system gid only.
+bool dropGroup(const std::string& mode) {
+  const gid_t real = ::getgid();
+  if (mode.find("saved") != std::string::npos) return ::setresgid(-1u, -1u, real) == 0;
+  ::setfsgid(real);
+  return ::setfsgid(-1u) == static_cast<int>(real);  // an invalid id only reports the current one
+}
+
 // Runs program with fd as its descriptor 3, in the given mode.
 int execWithSocket(int fd, const char* program, const char* mode) {
   const int target = 3;
@@ -168,11 +180,12 @@ int main(int argc, char** argv) {
       if (::fcntl(0, F_DUPFD_CLOEXEC, 0) < 0) return 71;
     }
   }
+  if (mode.ends_with("-first") && !dropGroup(mode)) return 1;
   const int held = mode == "stall-exec" ? ::open(extra, O_RDONLY | O_CLOEXEC) : -1;
   const int fd = connectTo(argv[2]);
   if (mode == "stall-exec") {
-    say(held < 0 ? "cannot open" : "stalling");
-    ::execl(argv[4], argv[4], "pause", "-", static_cast<char*>(nullptr));
+    say(held < 0 ? "cannot open" : "stalling " + std::to_string(::getpid()) + " " + std::to_string(held));
+    ::execl(argv[4], argv[4], static_cast<char*>(nullptr));
     return 127;
   }
   if (mode == "early" || mode == "garbage" || mode == "descriptors" || mode == "oversized") {
@@ -195,7 +208,7 @@ int main(int argc, char** argv) {
   }
   const std::string greeting = next(fd, 5000);
   say(greeting);
-  if (greeting != "hello" || mode == "greet" || mode == "many-descriptors") return 0;
+  if (greeting != "hello" || mode == "greet" || mode == "many-descriptors" || mode.ends_with("-first")) return 0;
   if (mode == "exec-after-hello") return execWithSocket(fd, extra, "inherited-ask");
   if (mode == "after-hello-garbage") (void)::send(fd, "QLD1\x09\x00", 6, MSG_NOSIGNAL);
   if (mode == "forked-sender") {
@@ -203,12 +216,10 @@ int main(int argc, char** argv) {
     if (child == 0) ::_exit(execWithSocket(fd, extra, "inherited-ask"));
     ::waitpid(child, nullptr, 0);
   }
-  if (mode == "drop-group") {
-    const gid_t real = ::getgid();
-    if (::setresgid(real, real, real) != 0) return 1;
-  }
+  const bool dropsAfterHello = mode.starts_with("drop-") && !mode.ends_with("-first");
+  if (dropsAfterHello && !dropGroup(mode)) return 1;
   if (mode == "version") sendMessage(fd, LDRequestMessage{std::atoll(extra)});
-  if (mode == "drop-group" || mode == "hold" || mode == "no-ack") sendMessage(fd, LDRequestMessage{1});
+  if (dropsAfterHello || mode == "hold" || mode == "no-ack") sendMessage(fd, LDRequestMessage{1});
   LDReceivedPacket packet;
   const std::string reply = next(fd, 3000, &packet);
   if (mode != "hold" && mode != "no-ack") {

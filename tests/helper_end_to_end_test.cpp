@@ -1,13 +1,18 @@
 // The helper as a real root process, socket-activated, with real clients running as nobody, in a
 // private network namespace where it binds the real port 80.
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
 
 #include <openssl/pem.h>
 
@@ -30,13 +35,29 @@ std::string outputOf(const std::vector<std::string>& argv, int uid = kNobody) {
 
 // Installed programs: the protocol probe signed as the application (set-group-ID, as applications
 // are installed), the demo, and the path of the helper's socket.
+// Each test has a private mount namespace: what it mounts is gone with its process.
 class HelperEndToEnd : public testing::Test {
  protected:
+  void SetUp() override {
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  }
   std::string installSignedProbe(const std::string& name, bool setGroupId = true) {
     const std::string path = programs.install(LD_PROBE, name, setGroupId);
     const std::string problem = ldtest::signWithBuildIdentity(path, kApp);
     if (!problem.empty()) throw std::runtime_error(problem);
     return path;
+  }
+  // The signed probe, root-owned and set-group-ID on a tmpfs mounted nosuid, where the kernel
+  // ignores set-group-ID.
+  std::string installOnNosuidMount() {
+    const std::string nosuid = programs.file("nosuid");
+    ::mkdir(nosuid.c_str(), 0755);
+    EXPECT_EQ(::mount("tmpfs", nosuid.c_str(), "tmpfs", MS_NOSUID, "mode=0755"), 0);
+    ldtest::writeFile(nosuid + "/app", ldtest::readFile(probe), 0755);
+    EXPECT_EQ(::chown((nosuid + "/app").c_str(), 0, ldtest::applicationGroup()), 0);
+    EXPECT_EQ(::chmod((nosuid + "/app").c_str(), 02755), 0);
+    return nosuid + "/app";
   }
   // Every refusal leaves the helper running and greeting a legitimate client; at the end it
   // serves one and exits 0.
@@ -145,12 +166,7 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
   ::mkdir(fuseMount.c_str(), 0755);
   ChildProcess server = ChildProcess::start(
       {LD_LYING_FILE_SYSTEM, probe, group, fuseLog, fuseMount, "-f", "-o", "allow_other,suid"});
-  const std::string nosuid = programs.file("nosuid");
-  ::mkdir(nosuid.c_str(), 0755);
-  EXPECT_EQ(::mount("tmpfs", nosuid.c_str(), "tmpfs", MS_NOSUID, "mode=0755"), 0);
-  ldtest::writeFile(nosuid + "/app", ldtest::readFile(probe), 0755);
-  EXPECT_EQ(::chown((nosuid + "/app").c_str(), 0, ldtest::applicationGroup()), 0);
-  EXPECT_EQ(::chmod((nosuid + "/app").c_str(), 02755), 0);
+  const std::string nosuid = installOnNosuidMount();
   for (int i = 0; i < 100 && ::access((fuseMount + "/app").c_str(), X_OK) != 0; ++i) ::usleep(20000);
 
   struct Case {
@@ -180,12 +196,15 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
            probe)},
       {"exe swapped with PR_SET_MM_MAP", {LD_EXE_SWAP_PROBE, probe, socket}, "swapped\nclosed\n"},
       {"a member of the application's group",
-       ask({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--groups=" + group}, probe), "closed\n", -1},
+       ask({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--groups=100," + group}, probe), "closed\n", -1},
       {"an executable on FUSE", ask({}, fuseMount + "/app")},
-      {"an executable on a nosuid mount", ask({}, nosuid + "/app")},
+      {"an executable on a nosuid mount", ask({}, nosuid)},
       {"2000 descriptors", {probe, "many-descriptors", socket, "2000"}},
       {"garbage after Hello", {probe, "after-hello-garbage", socket}, "hello\nclosed\n"},
-      {"gives its group up after Hello", {probe, "drop-group", socket}, "hello\nclosed\n"},
+      {"gives up only its saved group", {probe, "drop-saved-group-first", socket}},
+      {"gives up only its file-system group", {probe, "drop-fs-group-first", socket}},
+      {"gives up only its saved group after Hello", {probe, "drop-saved-group", socket}, "hello\nclosed\n"},
+      {"gives up only its file-system group after Hello", {probe, "drop-fs-group", socket}, "hello\nclosed\n"},
       {"execs another program after Hello", {probe, "exec-after-hello", socket, unsignedProbe}, "hello\nclosed\n"},
       // The child's request is refused, then so is the parent.
       {"request from a forked unsigned child", {probe, "forked-sender", socket, unsignedProbe}, "hello\nclosed\nclosed\n"},
@@ -219,8 +238,6 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
   EXPECT_NE(requests, "\n") << "the file system logs the requests made while the client started";
   EXPECT_EQ(requests.find("\n" + std::to_string(helper.pid()) + " "), std::string::npos)
       << "the helper asked the FUSE server:" << requests;
-  ::umount2(fuseMount.c_str(), MNT_DETACH);
-  ::umount2(nosuid.c_str(), MNT_DETACH);
 
   ChildProcess client = ChildProcess::start({demo, "--socket", socket}, kNobody);
   EXPECT_NE(client.readLine(15000).find("serving"), std::string::npos);
@@ -233,12 +250,57 @@ TEST_F(HelperEndToEnd, RefusedPeersNeverReachTheServiceWhileItKeepsServing) { ex
 // As on kernels before 6.5: the peer is pinned by pid and start time, not by SO_PEERPIDFD.
 TEST_F(HelperEndToEnd, RefusalsHoldWithoutPeerPidfd) { expectRefusals(LD_HELPER_WITHOUT_PEER_PIDFD); }
 
+// A keyless user freezes peers inside an exec, where every read of their stat, exe, ns/user and
+// auxv waits: they connect with a close-on-exec file open on a FUSE file system of their own
+// (mounted through fusermount3) whose FLUSH never answers, then exec the signed application. In
+// either admission mode a legitimate client is served promptly and the helper ends by itself.
+TEST_F(HelperEndToEnd, PeersFrozenInsideAnExecHoldNobodyUp) {
+  // /dev/fuse usable by users in this mount namespace only, as some hosts make it 0600.
+  const std::string devices = programs.file("dev");
+  ::mkdir(devices.c_str(), 0755);
+  ASSERT_EQ(::mount("tmpfs", devices.c_str(), "tmpfs", 0, "mode=0755"), 0);
+  ASSERT_EQ(::mknod((devices + "/fuse").c_str(), S_IFCHR | 0666, makedev(10, 229)), 0);
+  ASSERT_EQ(::chmod((devices + "/fuse").c_str(), 0666), 0);
+  ASSERT_EQ(::mount((devices + "/fuse").c_str(), "/dev/fuse", nullptr, MS_BIND, nullptr), 0);
+  const std::string unsignedProbe = programs.install(LD_PROBE, "unsigned", false), mount = programs.file("stall");
+  ASSERT_EQ(::mkdir(mount.c_str(), 0755) | ::chown(mount.c_str(), kNobody, kNobody), 0);
+  ChildProcess server = ChildProcess::start(
+      {LD_LYING_FILE_SYSTEM, probe, "0", "/dev/null", mount, "-f", "-o", "max_threads=64"}, kNobody);
+  for (int i = 0; i < 100 && ldtest::readFile("/proc/self/mountinfo").find(mount + " ") == std::string::npos; ++i) {
+    ::usleep(20000);
+  }
+  for (const char* helperPath : {LD_HELPER, LD_HELPER_SIGNATURE_ONLY}) {
+    ChildProcess helper = startHelper(helperPath, socket);
+    ::kill(helper.pid(), SIGSTOP);  // until every peer is frozen: the exec has taken its file away
+    ChildProcess peers = ChildProcess::start({"/bin/sh", "-c", "for i in $(seq 32); do \"$0\" stall-exec \"$@\" & done; wait",
+                                              unsignedProbe, socket, mount + "/stall", probe},
+                                             kNobody);
+    for (int i = 0; i < 32; ++i) {
+      std::istringstream line(peers.readLine(5000));
+      std::string word, pid, fd;
+      ASSERT_TRUE(line >> word >> pid >> fd && word == "stalling") << helperPath;
+      const std::string held = "/proc/" + pid + "/fdinfo/" + fd;  // fd/ would follow the link, and wait
+      for (int wait = 0; wait < 100 && ::access(held.c_str(), F_OK) == 0; ++wait) ::usleep(10000);
+      ASSERT_NE(::access(held.c_str(), F_OK), 0) << held;
+    }
+    ::kill(helper.pid(), SIGCONT);
+    const auto asked = std::chrono::steady_clock::now();
+    ChildProcess client = ChildProcess::start({demo, "--socket", socket}, kNobody);
+    EXPECT_NE(client.readLine(15000).find("serving"), std::string::npos) << helperPath;
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(3)) << helperPath;
+    EXPECT_EQ(helper.wait(5000), 0) << helperPath << " ends by itself after the transfer";
+  }
+  ::kill(server.pid(), SIGKILL);  // the frozen execs go on, into a program that exits at once
+}
+
 // Built for signature-only admission, the helper serves a signed client that is not set-group-ID;
-// the user namespace is what keeps a rewritten exe link out.
+// the user namespace is what keeps a rewritten exe link out, and the mount check one on a nosuid
+// mount (where a set-group-ID install would lose its protection without a word).
 TEST_F(HelperEndToEnd, SignatureOnlyBuildAdmitsAPlainInstall) {
   const std::string plainProbe = installSignedProbe("plain", false);
   ChildProcess helper = startHelper(LD_HELPER_SIGNATURE_ONLY, socket);
   EXPECT_EQ(outputOf({LD_EXE_SWAP_PROBE, plainProbe, socket}), "swapped\nclosed\n");
+  EXPECT_EQ(outputOf({installOnNosuidMount(), "version", socket, "1"}), "closed\n");
   EXPECT_EQ(outputOf({plainProbe, "version", socket, "2"}), "hello\nstatus 3 Unsupported protocol version\n");
   EXPECT_EQ(helper.wait(5000), 1);
 }
