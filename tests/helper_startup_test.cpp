@@ -1,6 +1,7 @@
 // The helper's start-up refusals, that its service socket comes only from socket activation,
 // and the client's word when there is no helper.
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include "shared/code_signature.h"
 #include "support/descriptors.h"
 #include "support/helper_harness.h"
+#include "support/scripted_system_calls.h"
 #include "support/test_pki.h"
 
 namespace {
@@ -59,11 +61,14 @@ TEST(HelperStartup, WithoutATeamItClosesTheWaitingConnectionsSoSystemdCannotSpin
   const LDFileHandle first = seqpacketSocket(path, Seqpacket::connected);
   const LDFileHandle second = seqpacketSocket(path, Seqpacket::connected);
 
-  const auto result = ldtest::ChildProcess::start({unsignedHelper}, -1, listening.fileDescriptor()).finish();
-  EXPECT_EQ(result.standardError,
-            "quillfern-local-domain-listener: This build carries no Team ID; it is unsigned or ad-hoc "
-            "signed, so the privileged listener peers cannot authenticate each other\n");
-  EXPECT_EQ(result.exitStatus, 1);
+  // The team is looked for before the socket: started by hand, the same line.
+  for (const int activated : {-1, listening.fileDescriptor()}) {
+    const auto result = ldtest::ChildProcess::start({unsignedHelper}, -1, activated).finish();
+    EXPECT_EQ(result.standardError,
+              "quillfern-local-domain-listener: This build carries no Team ID; it is unsigned or ad-hoc "
+              "signed, so the privileged listener peers cannot authenticate each other\n");
+    EXPECT_EQ(result.exitStatus, 1);
+  }
   for (const LDFileHandle* waiting : {&first, &second}) {
     pollfd entry{waiting->fileDescriptor(), POLLIN, 0};
     EXPECT_EQ(::poll(&entry, 1, 0), 1) << "closed by the helper";
@@ -85,6 +90,22 @@ TEST(ServiceSocket, ActivationIsTakenOnlyWhenItNamesThisProcess) {
   EXPECT_FALSE(LDTakeActivatedSocket(&activated, &error));
   EXPECT_TRUE(activated);
   EXPECT_EQ(error, "socket activation must pass exactly one socket");
+
+  // A socket the kernel would not make non-blocking is refused with the reason, and closed.
+  ldtest::ProgramDirectory directory;
+  const LDFileHandle listening = seqpacketSocket(directory.file("s.sock"), Seqpacket::listening);
+  const LDFileHandle saved(::fcntl(3, F_DUPFD_CLOEXEC, 10));  // whatever this process keeps there
+  ASSERT_EQ(::dup2(listening.fileDescriptor(), 3), 3);
+  ldtest::ScriptedSystemCalls calls;
+  calls.script("fcntl(F_SETFL)", 0, -1, EBADF);
+  ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+  ::setenv("LISTEN_FDS", "1", 1);
+  EXPECT_FALSE(LDTakeActivatedSocket(&activated, &error, calls));
+  EXPECT_EQ(error, "fcntl on the activated socket failed: Bad file descriptor");
+  EXPECT_EQ(::fcntl(3, F_GETFD), -1) << "closed";
+  if (saved.isValid()) {
+    ASSERT_EQ(::dup2(saved.fileDescriptor(), 3), 3);
+  }
 }
 
 TEST(Client, SaysWhatToDoWhenNothingListens) {

@@ -117,6 +117,9 @@ std::string executableProblem(int processDirectory, const LDExecutableFile& exec
   if (executable.owner != 0 || (executable.mode & (S_IWGRP | S_IWOTH)) != 0) {
     return "the peer's executable must be owned by root and not writable by group or others";
   }
+  // Also implied by the group rule that follows (a split real and effective gid equal to the
+  // file's group comes only from an exec of a set-group-ID file, or from root), but it is the
+  // file's own word that its install is the protected one.
   if (requireSetGroupId && ((executable.mode & S_ISGID) == 0 || (executable.mode & S_IXGRP) == 0)) {
     return "the peer's executable is not set-group-ID";
   }
