@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "openssl_oracle.h"
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Built once, never destroyed: libFuzzer may exit from any point.

@@ -6,7 +6,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 #include "tools/code_signer.h"
 #include "tools/openssl_handles.h"
 

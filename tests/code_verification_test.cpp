@@ -5,7 +5,7 @@
 #include <functional>
 #include <random>
 
-#include "shared/code_signing.h"
+#include "signing/code_signing.h"
 #include "support/expect_error.h"
 #include "support/test_pki.h"
 #include "openssl_oracle.h"

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 #include "support/process.h"
 #include "support/test_pki.h"
 

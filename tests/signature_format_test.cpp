@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "shared/code_signature.h"
-#include "shared/requirement.h"
+#include "signing/code_signature.h"
+#include "signing/requirement.h"
 
 namespace {
 

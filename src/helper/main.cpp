@@ -13,8 +13,8 @@
 #include "platform/dispatch.h"
 #include "platform/run_loop.h"
 #include "platform/socket_activation.h"
-#include "shared/code_signing.h"
 #include "shared/constants.h"
+#include "signing/code_signing.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "shared/code_signing.h"
+#include "signing/code_signing.h"
 #include "tools/code_signer.h"
 
 namespace {

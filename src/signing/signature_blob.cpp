@@ -1,7 +1,7 @@
 // The CMS SignedData of an appended signature, read for exactly the profile that ld-codesign
 // writes (docs/code-signing.md), and the evaluation of its certificate chain.
 
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 
 #include <algorithm>
 

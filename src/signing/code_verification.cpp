@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "shared/code_signing.h"
+#include "signing/code_signing.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "shared/certificate.h"
+#include "signing/certificate.h"
 
 // Statuses with the meanings (and numbers) of the platform the system was first built for.
 enum LDCodeSigningStatus : int32_t {

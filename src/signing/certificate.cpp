@@ -1,4 +1,4 @@
-#include "shared/certificate.h"
+#include "signing/certificate.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "shared/der.h"
-#include "shared/public_key.h"
+#include "signing/der.h"
+#include "signing/public_key.h"
 
 // keyUsage bits, numbered as in RFC 5280 (bit 0 is the most significant bit of the first octet).
 enum LDKeyUsage : uint16_t {

@@ -1,4 +1,4 @@
-#include "shared/der.h"
+#include "signing/der.h"
 
 #include <algorithm>
 

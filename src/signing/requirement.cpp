@@ -1,4 +1,4 @@
-#include "shared/requirement.h"
+#include "signing/requirement.h"
 
 #include <cctype>
 
