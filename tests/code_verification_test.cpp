@@ -5,6 +5,7 @@
 #include <functional>
 #include <random>
 
+#include "shared/printable.h"
 #include "signing/code_signing.h"
 #include "support/expect_error.h"
 #include "support/test_pki.h"
@@ -94,7 +95,7 @@ TEST(CodeVerification, ResultAndMessage) {
       {"Unsigned", Change::unsign, requirement, LDCodeVerificationRejected, rejected + "-67062): the code is not signed"},
       {"InfoMarkerWrong", Change::breakInfoMarker, requirement, LDCodeVerificationRejected,
        rejected + "-67045): the signature trailer is malformed"},
-      {"NonexistentPath", Change::remove, requirement, LDCodeVerificationUnverifiable, "No readable code at % (OSStatus -67068)"},
+      {"Nonexistent\nPath", Change::remove, requirement, LDCodeVerificationUnverifiable, "No readable code at % (OSStatus -67068)"},
       // A FIFO must neither block the open nor be read as code.
       {"Fifo", Change::fifo, requirement, LDCodeVerificationUnverifiable, "No readable code at % (OSStatus -67068)"},
       {"BrokenRequirement", Change::none, "identifier \"com.example.signed\" and anchor apple", LDCodeVerificationRejected,
@@ -119,7 +120,7 @@ TEST(CodeVerification, ResultAndMessage) {
     std::optional<LDError> error;
     EXPECT_EQ(LDVerifyCodeAtURL(path, c.requirement, &error, pki().anchors), c.result);
     std::string description = c.description;
-    if (const size_t at = description.find('%'); at != std::string::npos) description.replace(at, 1, path);
+    if (const size_t at = description.find('%'); at != std::string::npos) description.replace(at, 1, LDPrintable(path));
     EXPECT_EQ(error.has_value(), !description.empty()) << (error ? error->description() : "");
     if (!description.empty()) ldtest::expectError(error, {LDListenerErrorValidation, description, std::nullopt});
   }

@@ -1,5 +1,7 @@
 #include "signing/certificate.h"
 
+#include "shared/printable.h"
+
 namespace {
 
 constexpr uint8_t kOrganizationalUnit[] = {0x55, 0x04, 0x0b};
@@ -225,7 +227,8 @@ std::string LDNameText(LDBytes name) {
       }
     }
     // RFC 4514 lists the most significant attribute last.
-    text = label + "=" + std::string(value.contents.begin(), value.contents.end()) + (text.empty() ? "" : "," + text);
+    const std::string_view raw(reinterpret_cast<const char*>(value.contents.data()), value.contents.size());
+    text = label + "=" + LDPrintable(raw) + (text.empty() ? "" : "," + text);
   });
   return text;
 }

@@ -44,7 +44,8 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding);
 // IA5String); nothing when there is none, several, or another string type.
 std::optional<std::string> LDSingleOrganizationalUnit(const LDCertificate& certificate);
 
-// RFC 4514 text of a Name, for messages (best effort: unknown attributes by OID).
+// RFC 4514 text of a Name, for messages (best effort: unknown attributes as "?"), its values
+// escaped where they are not printable (LDPrintable).
 std::string LDNameText(LDBytes name);
 
 // Whether issuer's key made certificate's signature.

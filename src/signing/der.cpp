@@ -1,6 +1,9 @@
 #include "signing/der.h"
 
 #include <algorithm>
+#include <string_view>
+
+#include "shared/printable.h"
 
 namespace {
 
@@ -92,27 +95,12 @@ std::optional<LDBytes> LDDerOctetAlignedBits(const LDDerElement& bitString) {
 bool LDDerEqual(LDBytes a, LDBytes b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
 
 bool LDIsUTF8(LDBytes text) {
-  size_t i = 0;
-  while (i < text.size()) {
-    const uint8_t lead = text[i];
-    size_t length = 1;
-    uint32_t minimum = 0, value = lead;
-    if (lead >= 0xf0 && lead <= 0xf4) {
-      length = 4, minimum = 0x10000, value = lead & 0x07u;
-    } else if (lead >= 0xe0 && lead <= 0xef) {
-      length = 3, minimum = 0x800, value = lead & 0x0fu;
-    } else if (lead >= 0xc2 && lead <= 0xdf) {
-      length = 2, minimum = 0x80, value = lead & 0x1fu;
-    } else if (lead >= 0x80) {
-      return false;
-    }
-    if (text.size() - i < length) return false;
-    for (size_t k = 1; k < length; ++k) {
-      if ((text[i + k] & 0xc0) != 0x80) return false;
-      value = value << 6 | (text[i + k] & 0x3fu);
-    }
-    if (value < minimum || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) return false;
-    i += length;
+  const std::string_view view(reinterpret_cast<const char*>(text.data()), text.size());
+  uint32_t codePoint = 0;
+  for (size_t at = 0; at < view.size();) {
+    const size_t length = LDDecodeUTF8(view, at, &codePoint);
+    if (length == 0) return false;
+    at += length;
   }
   return true;
 }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "shared/printable.h"
+
 namespace {
 
 constexpr uint8_t kSignedData[] = {0x2a, 0x86, 0x48, 0x86, 0xf7, 0x0d, 0x01, 0x07, 0x02};
@@ -228,8 +230,8 @@ LDSignatureContents LDReadSignatureBlob(LDBytes blob) {
   contents = withTeam(std::move(contents));
   if (contents.status == LDCodeSigningStatusOK && contents.leafTeam != contents.manifest.team) {
     return refuse(std::move(contents), errSecCSSignatureInvalid,
-                  "the manifest's team \"" + contents.manifest.team +
-                      "\" is not the signer's organisational unit \"" + contents.leafTeam + "\"");
+                  "the manifest's team \"" + LDPrintable(contents.manifest.team) +
+                      "\" is not the signer's organisational unit \"" + LDPrintable(contents.leafTeam) + "\"");
   }
   return contents;
 }
