@@ -31,7 +31,12 @@ struct LDCertificate {
   std::optional<uint16_t> keyUsage;    // absent: any use
   bool hasExtendedKeyUsage = false;
   bool codeSigning = false;            // extendedKeyUsage names id-kp-codeSigning
+  bool anyExtendedKeyUsage = false;    // extendedKeyUsage names anyExtendedKeyUsage
   LDBytes subjectKeyIdentifier, authorityKeyIdentifier;  // empty when absent
+  // authorityKeyIdentifier's authorityCertIssuer (its directory names, tag and length included)
+  // and authorityCertSerialNumber (the INTEGER's contents octets); empty when absent.
+  std::vector<LDBytes> authorityIssuers;
+  LDBytes authoritySerialNumber;
   bool unknownCriticalExtension = false;
 };
 

@@ -18,6 +18,13 @@ bool isObjectIdentifier(LDBytes contents) {
   return true;
 }
 
+// Two's complement in the fewest octets (X.690 8.3.2): the first nine bits are never all equal.
+bool isMinimalInteger(LDBytes contents) {
+  if (contents.empty()) return false;
+  if (contents.size() == 1) return true;
+  return !(contents[0] == 0x00 && !(contents[1] & 0x80)) && !(contents[0] == 0xff && (contents[1] & 0x80));
+}
+
 }  // namespace
 
 std::optional<uint8_t> LDDerReader::peekTag() const {
@@ -45,6 +52,7 @@ std::optional<LDDerElement> LDDerReader::readAny() {
   if (_rest.size() - header < length) return std::nullopt;
   LDDerElement element{tag, _rest.subspan(header, length), _rest.first(header + length)};
   if (tag == LDDerObjectIdentifier && !isObjectIdentifier(element.contents)) return std::nullopt;
+  if (tag == LDDerInteger && !isMinimalInteger(element.contents)) return std::nullopt;
   _rest = _rest.subspan(header + length);
   return element;
 }
@@ -69,12 +77,8 @@ std::optional<LDDerElement> LDDerReadOnly(LDBytes bytes, uint8_t tag) {
 
 std::optional<LDBytes> LDDerUnsignedInteger(const LDDerElement& integer) {
   LDBytes value = integer.contents;
-  if (integer.tag != LDDerInteger || value.empty() || (value[0] & 0x80)) return std::nullopt;
-  if (value.size() > 1 && value[0] == 0) {
-    if (!(value[1] & 0x80)) return std::nullopt;  // a zero octet that was not needed
-    value = value.subspan(1);
-  }
-  return value;
+  if (integer.tag != LDDerInteger || !isMinimalInteger(value) || (value[0] & 0x80)) return std::nullopt;
+  return value.size() > 1 && value[0] == 0 ? value.subspan(1) : value;
 }
 
 std::optional<int32_t> LDDerSmallInteger(const LDDerElement& integer) {
