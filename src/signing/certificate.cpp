@@ -213,7 +213,8 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
   const std::optional<LDDerElement> subject = fields.read(LDDerSequence);
   const std::optional<LDDerElement> publicKey = fields.read(LDDerSequence);
   // A positive serial of at most 20 octets (RFC 5280 4.1.2.2), in the fewest octets.
-  if (!serial || !LDDerUnsignedInteger(*serial) || serial->contents.size() > 21 || !innerAlgorithm ||
+  const std::optional<LDBytes> serialMagnitude = serial ? LDDerUnsignedInteger(*serial) : std::nullopt;
+  if (!serialMagnitude || serialMagnitude->size() > 20 || !innerAlgorithm ||
       !issuer || !validity || !subject || !publicKey) {
     return std::nullopt;
   }
