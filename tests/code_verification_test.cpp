@@ -119,13 +119,19 @@ const LDCertificateForge& forge() {
   return *shared;
 }
 
-// The verifier's status for a blob, and what OpenSSL's verification says differently, if anything.
-std::pair<int32_t, std::optional<std::string>> judge(const std::string& blob) {
+struct Verdict {
+  int32_t status;
+  std::string detail;
+  std::optional<std::string> disagreement;  // what OpenSSL's verification says differently
+};
+
+Verdict judge(const std::string& blob) {
   static const LDTrustAnchors anchors = LDTrustAnchors::fromPEM(forge().rootPem());
   static const LDOpenSSLAnchors* const reference = new LDOpenSSLAnchors(forge().rootPem());
   const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
-  const int32_t status = contents.status ? contents.status : LDVerifyChain(contents, anchors.certificates(), nullptr);
-  return {status, LDDisagreementWithOpenSSL(blob, anchors, *reference)};
+  std::string detail = contents.detail;
+  const int32_t status = contents.status ? contents.status : LDVerifyChain(contents, anchors.certificates(), &detail);
+  return {status, detail, LDDisagreementWithOpenSSL(blob, anchors, *reference)};
 }
 
 // Each bad encoding and each chain policy, planted into an otherwise valid signature: the status
@@ -168,6 +174,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"nameString=printableBad", errSecCSSignatureInvalid},
       {"nameString=ia5High", errSecCSSignatureInvalid},
       {"nameString=utf8Invalid", errSecCSSignatureInvalid},
+      {"intermediates=1 shape=omitIntermediates target=intermediate1 nameString=utf8Controls", errSecCSSignatureUntrusted},
       // The leaf and the signer.
       {"extendedKeyUsage=serverAuth", errSecCSSignatureUntrusted},
       {"keyUsage=keyEncipherment", errSecCSSignatureUntrusted},
@@ -177,9 +184,10 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"manifest=teamDiffers", errSecCSSignatureInvalid},
   };
   for (const auto& [text, expected] : cases) {
-    const auto [status, disagreement] = judge(forge().signatureBlob(LDForgeRecipeFromText(text).value()));
-    EXPECT_EQ(status, expected) << text;
-    EXPECT_FALSE(disagreement) << text << ": " << *disagreement;
+    const Verdict verdict = judge(forge().signatureBlob(LDForgeRecipeFromText(text).value()));
+    EXPECT_EQ(verdict.status, expected) << text;
+    EXPECT_EQ(LDPrintable(verdict.detail), verdict.detail) << text << ": a name reaches the detail unescaped";
+    EXPECT_FALSE(verdict.disagreement) << text << ": " << *verdict.disagreement;
   }
 }
 
@@ -194,7 +202,7 @@ TEST(Differential, VerifierAgreesWithOpenSSL) {
     recipes.push_back(LDForgeRecipeFromBytes(bytes, sizeof bytes));
   }
   for (const LDForgeRecipe& recipe : recipes) {
-    const auto disagreement = judge(forge().signatureBlob(recipe)).second;
+    const auto disagreement = judge(forge().signatureBlob(recipe)).disagreement;
     EXPECT_FALSE(disagreement) << LDForgeRecipeText(recipe) << ": " << *disagreement;
   }
   const std::string plain = forge().signatureBlob(LDForgeRecipeFromText("intermediates=1").value());
@@ -203,7 +211,7 @@ TEST(Differential, VerifierAgreesWithOpenSSL) {
     variants[0][i] = static_cast<char>(plain[i] ^ 0x01);
     variants[1][i] = static_cast<char>(plain[i] ^ 0x80);
     for (const std::string& variant : variants) {
-      const auto disagreement = judge(variant).second;
+      const auto disagreement = judge(variant).disagreement;
       EXPECT_FALSE(disagreement) << "byte " << i << ": " << *disagreement;
     }
   }
