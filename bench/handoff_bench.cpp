@@ -35,8 +35,8 @@
 
 #include "platform/seqpacket.h"
 #include "platform/wire.h"
-#include "shared/code_signing.h"
 #include "shared/loopback_listeners.h"
+#include "signing/code_signing.h"
 #include "tools/code_signer.h"
 
 #include "bench_support.h"

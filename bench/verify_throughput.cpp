@@ -11,7 +11,7 @@
 
 #include <sys/stat.h>
 
-#include "shared/code_signing.h"
+#include "signing/code_signing.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "shared/certificate.h"
-#include "shared/trust_anchors.h"
+#include "signing/certificate.h"
+#include "signing/trust_anchors.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 #include "tools/code_signer.h"
 #include "tools/openssl_handles.h"
 
@@ -68,15 +68,15 @@ std::optional<std::string> LDDisagreementWithOpenSSL(std::string_view blob, cons
   const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
   std::string detail = contents.detail;
   int32_t status = contents.status;
-  if (status == LDCodeSigningStatusOK) status = LDVerifyChain(contents, ours.certificates(), &detail);
+  bool outsideProfile = contents.outsideProfile;
+  if (status == LDCodeSigningStatusOK) status = LDVerifyChain(contents, ours.certificates(), &detail, &outsideProfile);
   std::string theirTeam;
   const int32_t reference = LDOpenSSLVerifyBlob(blob, theirs.store(), &theirTeam);
   if (status == reference) {
     if (status != LDCodeSigningStatusOK || contents.leafTeam == theirTeam) return std::nullopt;
     return "both accept, with teams \"" + contents.leafTeam + "\" and \"" + theirTeam + "\"";
   }
-  const bool stricter = status != LDCodeSigningStatusOK &&
-                        (contents.outsideProfile || detail.find("signing profile") != std::string::npos);
-  if (stricter) return std::nullopt;
+  // A documented refusal of the profile that a general verifier does not make.
+  if (status != LDCodeSigningStatusOK && outsideProfile) return std::nullopt;
   return "verifier " + std::to_string(status) + " (" + detail + "), OpenSSL " + std::to_string(reference);
 }

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "shared/trust_anchors.h"
+#include "signing/trust_anchors.h"
 
 class LDOpenSSLAnchors {
  public:

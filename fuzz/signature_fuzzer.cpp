@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "shared/code_signature.h"
-#include "shared/trust_anchors.h"
+#include "signing/code_signature.h"
+#include "signing/trust_anchors.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view file(reinterpret_cast<const char*>(data), size);

@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <random>
 
-#include "shared/code_signing.h"
+#include "shared/printable.h"
+#include "signing/code_signing.h"
 #include "support/expect_error.h"
 #include "support/test_pki.h"
+#include "certificate_forge.h"
 #include "openssl_oracle.h"
 #include "tools/code_signer.h"
 
@@ -19,29 +20,18 @@ using ldtest::TestPki;
 constexpr const char* kIdentifier = "com.example.signed";
 constexpr const char* kTeam = "TEAMONE001";
 
-// One PKI for the whole program: two trusted roots, an intermediate, and the leaves that several
-// cases sign with (leafOf makes the others).
+// One PKI for the whole program: a trusted root and the leaf that signs the code.
 struct Pki {
   ldtest::TemporaryDirectory directory;
   TestPki pki{directory.path()};
   TestIdentity root = pki.makeRoot("Trusted Root");
-  TestIdentity rsaRoot = pki.makeRoot("Trusted RSA Root", {.key = "RSA-4096"});
-  TestIdentity intermediate = pki.makeIntermediate(root, "Trusted Intermediate");
   TestIdentity leaf = pki.makeLeaf(root, "Leaf");
-  TestIdentity viaIntermediate = pki.makeLeaf(intermediate, "Leaf Via Intermediate");
-  std::string anchorsPem = TestPki::pemOf(root) + TestPki::pemOf(rsaRoot);
-  LDTrustAnchors anchors = LDTrustAnchors::fromPEM(anchorsPem);
+  LDTrustAnchors anchors = LDTrustAnchors::fromPEM(TestPki::pemOf(root));
 };
 
 Pki& pki() {
   static Pki shared;  // its directory is removed when the program exits
   return shared;
-}
-
-// A leaf of its own for one case.
-TestIdentity leafOf(const TestIdentity& issuer, const ldtest::LeafOptions& options = {}) {
-  static int made = 0;
-  return pki().pki.makeLeaf(issuer, "Leaf " + std::to_string(++made), options);
 }
 
 std::string randomCode(size_t size) {
@@ -51,23 +41,16 @@ std::string randomCode(size_t size) {
   return code;
 }
 
-std::string manifestFor(const std::string& code, const std::string& team, uint64_t size) {
-  LDSignatureManifest manifest{kIdentifier, team, size, {}};
-  EVP_Digest(code.data(), code.size(), manifest.sha256.data(), nullptr, EVP_sha256(), nullptr);
-  return LDFormatManifest(manifest);
-}
-
-std::string blobBy(const TestIdentity& signer, const std::string& chain = "",
-                   const std::string& manifest = manifestFor("code", kTeam, 4)) {
+std::string blobBy(const TestIdentity& signer, const LDSignatureManifest& manifest) {
   std::string error;
-  std::optional<LDSigningIdentity> identity = LDLoadSigningIdentity(signer.keyPath, signer.certificatePath, chain, &error);
-  const std::optional<std::string> blob = identity ? LDMakeSignatureBlob(manifest, *identity, &error) : std::nullopt;
+  std::optional<LDSigningIdentity> identity = LDLoadSigningIdentity(signer.keyPath, signer.certificatePath, "", &error);
+  const std::optional<std::string> blob = identity ? LDMakeSignatureBlob(LDFormatManifest(manifest), *identity, &error) : std::nullopt;
   if (!blob) throw std::runtime_error(error);
   return *blob;
 }
 
 // What becomes of code signed by the trusted leaf before it is verified.
-enum class Change { none, unsign, flipCodeByte, breakInfoMarker, signOneByteShort, remove, fifo };
+enum class Change { none, unsign, flipCodeByte, signedDigestDiffersLast, breakInfoMarker, signOneByteShort, remove, fifo };
 
 TEST(CodeVerification, ResultAndMessage) {
   struct Case {
@@ -89,12 +72,14 @@ TEST(CodeVerification, ResultAndMessage) {
        rejected + "-67050): the code does not satisfy certificate leaf[subject.OU] = \"TEAMTWO002\" (the leaf's is \"TEAMONE001\")"},
       {"OneFlippedByteOfCode", Change::flipCodeByte, requirement, LDCodeVerificationRejected,
        rejected + "-67061): the code does not match its signed digest"},
+      {"SignedDigestDiffersInItsLastOctet", Change::signedDigestDiffersLast, requirement, LDCodeVerificationRejected,
+       rejected + "-67061): the code does not match its signed digest"},
       {"SignedSizeDiffers", Change::signOneByteShort, requirement, LDCodeVerificationRejected,
        rejected + "-67061): the signed size 299999 is not the code's size 300000"},
       {"Unsigned", Change::unsign, requirement, LDCodeVerificationRejected, rejected + "-67062): the code is not signed"},
       {"InfoMarkerWrong", Change::breakInfoMarker, requirement, LDCodeVerificationRejected,
        rejected + "-67045): the signature trailer is malformed"},
-      {"NonexistentPath", Change::remove, requirement, LDCodeVerificationUnverifiable, "No readable code at % (OSStatus -67068)"},
+      {"Nonexistent\nPath", Change::remove, requirement, LDCodeVerificationUnverifiable, "No readable code at % (OSStatus -67068)"},
       // A FIFO must neither block the open nor be read as code.
       {"Fifo", Change::fifo, requirement, LDCodeVerificationUnverifiable, "No readable code at % (OSStatus -67068)"},
       {"BrokenRequirement", Change::none, "identifier \"com.example.signed\" and anchor apple", LDCodeVerificationRejected,
@@ -105,8 +90,10 @@ TEST(CodeVerification, ResultAndMessage) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string path = directory.file(c.name);
-    const std::string blob =
-        blobBy(pki().leaf, "", manifestFor(code, kTeam, code.size() - (c.change == Change::signOneByteShort)));
+    LDSignatureManifest manifest{kIdentifier, kTeam, code.size() - (c.change == Change::signOneByteShort), {}};
+    EVP_Digest(code.data(), code.size(), manifest.sha256.data(), nullptr, EVP_sha256(), nullptr);
+    if (c.change == Change::signedDigestDiffersLast) manifest.sha256.back() ^= 0x01;
+    const std::string blob = blobBy(pki().leaf, manifest);
     std::string file = code + blob + LDFormatSignatureTrailer(static_cast<uint32_t>(blob.size()));
     if (c.change == Change::unsign) file = code;
     if (c.change == Change::flipCodeByte) file[5000] = static_cast<char>(file[5000] ^ 0x01);
@@ -119,66 +106,113 @@ TEST(CodeVerification, ResultAndMessage) {
     std::optional<LDError> error;
     EXPECT_EQ(LDVerifyCodeAtURL(path, c.requirement, &error, pki().anchors), c.result);
     std::string description = c.description;
-    if (const size_t at = description.find('%'); at != std::string::npos) description.replace(at, 1, path);
+    if (const size_t at = description.find('%'); at != std::string::npos) description.replace(at, 1, LDPrintable(path));
     EXPECT_EQ(error.has_value(), !description.empty()) << (error ? error->description() : "");
     if (!description.empty()) ldtest::expectError(error, {LDListenerErrorValidation, description, std::nullopt});
   }
 }
 
-// ---- The signature blob against OpenSSL's CMS and X509 verification ----
+// ---- Certificates changed field by field and signed again, against OpenSSL ----
 
-struct BlobCase {
-  const char* name;
-  std::function<std::string()> blob;
+const LDCertificateForge& forge() {
+  static const LDCertificateForge* const shared = new LDCertificateForge;
+  return *shared;
+}
+
+struct Verdict {
   int32_t status;
-  bool mutate = false;  // also try every one-byte mutation and truncation of it
+  std::string detail;
+  std::optional<std::string> disagreement;  // what OpenSSL's verification says differently
 };
 
-// Each case gets its status from the verifier, the same status (or a documented refusal outside
-// the signing profile) from OpenSSL, and the valid ones are mutated byte by byte.
-TEST(Differential, VerifierAgreesWithOpenSSL) {
-  const LDOpenSSLAnchors reference(pki().anchorsPem);
-  const BlobCase cases[] = {
-      {"Valid", [] { return blobBy(pki().leaf); }, 0, true},
-      {"ViaIntermediate", [] { return blobBy(pki().viaIntermediate, pki().intermediate.certificatePath); }, 0, true},
-      {"RsaRootRsaLeaf", [] { return blobBy(leafOf(pki().rsaRoot, {.key = "RSA-2048"})); }, 0, true},
-      {"RsaRootP384Leaf", [] { return blobBy(leafOf(pki().rsaRoot, {.key = "P-384"})); }, 0, true},
-      {"ExpiredStillValid", [] { return blobBy(leafOf(pki().root, {.expired = true})); }, 0},
-      {"UnknownOptionalExtension",
-       [] { return blobBy(leafOf(pki().root, {.extraExtension = "1.3.6.1.4.1.99999.1=ASN1:NULL"})); }, 0},
-      {"IntermediateAbsent", [] { return blobBy(pki().viaIntermediate); }, errSecCSSignatureUntrusted},
-      {"IssuedByALeaf", [] { return blobBy(leafOf(pki().leaf), pki().leaf.certificatePath); }, errSecCSSignatureUntrusted},
-      {"UntrustedCA", [] { return blobBy(leafOf(pki().pki.makeRoot("Other Root"))); }, errSecCSSignatureUntrusted},
-      {"NoExtendedUsage", [] { return blobBy(leafOf(pki().root, {.extendedUsage = ""})); }, errSecCSSignatureUntrusted},
-      {"ServerUsageOnly", [] { return blobBy(leafOf(pki().root, {.extendedUsage = "serverAuth,clientAuth"})); },
-       errSecCSSignatureUntrusted},
-      {"UnknownCriticalExtension",
-       [] { return blobBy(leafOf(pki().root, {.extraExtension = "1.3.6.1.4.1.99999.1=critical,ASN1:NULL"})); },
-       errSecCSSignatureUntrusted},
-      {"KeyUsageWithoutSignatures", [] { return blobBy(leafOf(pki().root, {.keyUsage = "critical,keyEncipherment"})); },
-       errSecCSSignatureUntrusted},
-      {"Rsa1024OutsideProfile", [] { return blobBy(leafOf(pki().root, {.key = "RSA-1024"})); }, errSecCSSignatureInvalid},
-      {"ManifestTeamDiffers", [] { return blobBy(pki().leaf, "", manifestFor("code", "TEAMTWO002", 4)); },
-       errSecCSSignatureInvalid},
-      {"MalformedManifest", [] { return blobBy(pki().leaf, "", "ld-codesign-manifest 1\n"); }, errSecCSSignatureInvalid},
-      {"Garbage", [] { return randomCode(700); }, errSecCSSignatureInvalid},
+Verdict judge(const std::string& blob) {
+  static const LDTrustAnchors anchors = LDTrustAnchors::fromPEM(forge().rootPem());
+  static const LDOpenSSLAnchors* const reference = new LDOpenSSLAnchors(forge().rootPem());
+  const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
+  std::string detail = contents.detail;
+  const int32_t status = contents.status ? contents.status : LDVerifyChain(contents, anchors.certificates(), &detail);
+  return {status, detail, LDDisagreementWithOpenSSL(blob, anchors, *reference)};
+}
+
+// Each bad encoding and each chain policy, planted into an otherwise valid signature: the status
+// the verifier must give, and OpenSSL's verdict the same or the refusal one the profile documents.
+TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
+  const std::pair<const char*, int32_t> cases[] = {
+      {"", 0},
+      {"intermediates=6", 0},
+      {"intermediates=7", errSecCSSignatureUntrusted},
+      {"intermediates=1 shape=omitIntermediates", errSecCSSignatureUntrusted},
+      // Issuers: a CA, allowed to sign certificates, within its path length.
+      {"intermediates=1 target=intermediate1 basicConstraints=absent", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 basicConstraints=notCA", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 basicConstraints=caFalseExplicit", errSecCSSignatureInvalid},
+      {"intermediates=1 target=intermediate1 keyUsage=digitalSignature", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 keyUsage=paddingBitsSet", errSecCSSignatureInvalid},
+      {"intermediates=1 target=intermediate1 keyUsage=trailingZeroOctet", errSecCSSignatureInvalid},
+      {"intermediates=1 target=intermediate1 keyUsage=signatureAndCertSign", 0},
+      {"intermediates=2 target=intermediate2 basicConstraints=pathLen0", errSecCSSignatureUntrusted},
+      {"intermediates=2 target=intermediate2 basicConstraints=pathLen1", 0},
+      {"intermediates=1 target=intermediate1 basicConstraints=pathLen0", 0},
+      {"intermediates=1 target=intermediate1 extendedKeyUsage=serverAuth", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extendedKeyUsage=anyExtendedKeyUsage", 0},
+      {"intermediates=1 target=intermediate1 extendedKeyUsage=serverAuthAndCodeSigning", 0},
+      {"intermediates=1 target=intermediate1 extraExtension=nameConstraintsCritical", errSecCSSignatureUntrusted},
+      // The authority key identifier names the issuer, where it says anything.
+      {"authorityKeyIdentifier=wrongKeyId", errSecCSSignatureUntrusted},
+      {"authorityKeyIdentifier=issuerAndSerial", 0},
+      {"authorityKeyIdentifier=wrongIssuer", errSecCSSignatureUntrusted},
+      {"authorityKeyIdentifier=wrongSerial", errSecCSSignatureUntrusted},
+      // Encodings DER forbids, and strings outside their character sets.
+      {"serial=nonMinimal", errSecCSSignatureInvalid},
+      {"serial=negative", errSecCSSignatureInvalid},
+      {"serial=twentyOneOctets", errSecCSSignatureInvalid},
+      {"encoding=longFormLength", errSecCSSignatureInvalid},
+      {"signatureValue=rNegative", errSecCSSignatureUntrusted},
+      {"signatureValue=sPadded", errSecCSSignatureUntrusted},
+      {"keyUsage=trailingZeroOctet", errSecCSSignatureInvalid},
+      {"nameString=printable", 0},
+      {"nameString=printableBad", errSecCSSignatureInvalid},
+      {"nameString=ia5High", errSecCSSignatureInvalid},
+      {"nameString=utf8Invalid", errSecCSSignatureInvalid},
+      {"intermediates=1 shape=omitIntermediates target=intermediate1 nameString=utf8Controls", errSecCSSignatureUntrusted},
+      // The leaf and the signer.
+      {"extendedKeyUsage=serverAuth", errSecCSSignatureUntrusted},
+      {"keyUsage=keyEncipherment", errSecCSSignatureUntrusted},
+      {"key=rsa2048 signerAlgorithm=rsaEncryption", 0},
+      {"signerAlgorithm=rsaEncryption", errSecCSSignatureInvalid},
+      {"key=p521", errSecCSSignatureInvalid},
+      {"manifest=teamDiffers", errSecCSSignatureInvalid},
   };
-  for (const BlobCase& c : cases) {
-    const std::string blob = c.blob();
-    const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
-    const int32_t status = contents.status ? contents.status : LDVerifyChain(contents, pki().anchors.certificates(), nullptr);
-    EXPECT_EQ(status, c.status) << c.name << ": " << contents.detail;
-    std::vector<std::pair<std::string, std::string>> variants = {{"as signed", blob}};  // what, bytes
-    for (size_t i = 0; c.mutate && i < blob.size(); ++i) {
-      for (const int flip : {0x01, 0x80}) {
-        variants.emplace_back("byte " + std::to_string(i) + " ^ " + std::to_string(flip), blob);
-        variants.back().second[i] = static_cast<char>(blob[i] ^ flip);
-      }
-      if (i % 7 == 0) variants.emplace_back("cut at " + std::to_string(i), blob.substr(0, i));
-    }
-    for (const auto& [what, variant] : variants) {
-      const auto disagreement = LDDisagreementWithOpenSSL(variant, pki().anchors, reference);
-      EXPECT_FALSE(disagreement) << c.name << ", " << what << ": " << *disagreement;
+  for (const auto& [text, expected] : cases) {
+    const Verdict verdict = judge(forge().signatureBlob(LDForgeRecipeFromText(text).value()));
+    EXPECT_EQ(verdict.status, expected) << text;
+    EXPECT_EQ(LDPrintable(verdict.detail), verdict.detail) << text << ": a name reaches the detail unescaped";
+    EXPECT_FALSE(verdict.disagreement) << text << ": " << *verdict.disagreement;
+  }
+}
+
+// Every single change, a few hundred random combinations, and every one-byte change and cut of a
+// plain signature: the verifier and OpenSSL agree or the refusal is one the profile documents.
+TEST(Differential, VerifierAgreesWithOpenSSL) {
+  std::vector<LDForgeRecipe> recipes = LDForgeSingleChanges();
+  std::mt19937 generator(19);
+  for (int i = 0; i < 300; ++i) {
+    uint8_t bytes[LDForgeKnobCount] = {};
+    for (size_t knob = 0; knob < LDForgeFlipAt; ++knob) bytes[knob] = generator() % 3 ? 0 : static_cast<uint8_t>(generator());
+    recipes.push_back(LDForgeRecipeFromBytes(bytes, sizeof bytes));
+  }
+  for (const LDForgeRecipe& recipe : recipes) {
+    const auto disagreement = judge(forge().signatureBlob(recipe)).disagreement;
+    EXPECT_FALSE(disagreement) << LDForgeRecipeText(recipe) << ": " << *disagreement;
+  }
+  const std::string plain = forge().signatureBlob(LDForgeRecipeFromText("intermediates=1").value());
+  for (size_t i = 0; i < plain.size(); ++i) {
+    std::vector<std::string> variants = {plain, plain, plain.substr(0, i)};
+    variants[0][i] = static_cast<char>(plain[i] ^ 0x01);
+    variants[1][i] = static_cast<char>(plain[i] ^ 0x80);
+    for (const std::string& variant : variants) {
+      const auto disagreement = judge(variant).disagreement;
+      EXPECT_FALSE(disagreement) << "byte " << i << ": " << *disagreement;
     }
   }
 }

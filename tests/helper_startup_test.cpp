@@ -12,7 +12,7 @@
 
 #include "client/listener_client.h"
 #include "platform/socket_activation.h"
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 #include "support/descriptors.h"
 #include "support/helper_harness.h"
 #include "support/scripted_system_calls.h"

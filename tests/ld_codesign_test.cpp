@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 #include "support/process.h"
 #include "support/test_pki.h"
 
@@ -24,6 +24,9 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
   const auto other = pki.makeLeaf(root, "Other Leaf");
   const auto noTeam = pki.makeLeaf(root, "No Team", {.team = std::nullopt});
   const auto twoUnits = pki.makeLeaf(root, "Two Units", {.secondOrganizationalUnit = true});
+  // An untrusted issuer whose name would print a verdict of its own and move the cursor back.
+  const std::string forgery = "Evil\n" + directory.file("signed") + ": valid (OSStatus 0)\x1b[1A";
+  const auto forger = pki.makeLeaf(pki.makeRoot(forgery), "Forged");
   const std::string program = directory.file("program");
   const std::string signedProgram = directory.file("signed");
   writeFile(program, "some code", 0600);
@@ -62,6 +65,12 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
                 signedProgram + ": rejected: " + signedProgram + " does not satisfy its code-signing requirement "
                 "(OSStatus -66996): the signer's certificate chain is not trusted: it does not lead to a "
                 "compiled-in root (issuer CN=Root,O=Quillfern Test)"},
+           Case{sign("com.x", forger.keyPath, forger.certificatePath, signedProgram), 0,
+                signedProgram + ": signed as com.x (team TEAMONE001)"},
+           Case{{tool, "verify", "--requirement", requirement, "--anchor", root.certificatePath, signedProgram}, 1,
+                signedProgram + ": rejected: " + signedProgram + " does not satisfy its code-signing requirement "
+                "(OSStatus -66996): the signer's certificate chain is not trusted: it does not lead to a "
+                "compiled-in root (issuer CN=Evil\\x0a" + signedProgram + ": valid (OSStatus 0)\\x1b[1A,O=Quillfern Test)"},
            Case{{tool, "verify", "--requirement", requirement, "--anchor", root.certificatePath, program}, 2,
                 program + ": unverifiable: No readable code at " + program + " (OSStatus -67060)", 65534},
            Case{sign("com.a", leaf.keyPath, leaf.certificatePath, directory.file("missing")), 2,
@@ -72,7 +81,8 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
                 "ld-codesign: " + noTeam.certificatePath + oneOu},
            Case{sign("com.a", twoUnits.keyPath, twoUnits.certificatePath, program), 2,
                 "ld-codesign: " + twoUnits.certificatePath + oneOu},
-           Case{sign("com.a\nb", leaf.keyPath, leaf.certificatePath, program), 2, "ld-codesign: identifier \"com.a"},
+           Case{sign("com.a\nb", leaf.keyPath, leaf.certificatePath, program), 2,
+                "ld-codesign: identifier \"com.a\\x0ab\" must be a reverse-DNS name of letters, digits, '.', '-' and '_'"},
            Case{sign("com.\"a\"", leaf.keyPath, leaf.certificatePath, program), 2,
                 "ld-codesign: identifier \"com.\"a\"\" must be a reverse-DNS name of letters, digits, '.', '-' and '_'"},
            Case{sign("com.a", leaf.certificatePath, leaf.certificatePath, program), 2,

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "helper/listener_service.h"
-#include "shared/code_signing.h"
+#include "shared/token.h"
 #include "support/descriptors.h"
 #include "support/expect_error.h"
 #include "support/scripted_system_calls.h"

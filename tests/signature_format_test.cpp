@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "shared/code_signature.h"
-#include "shared/requirement.h"
+#include "shared/printable.h"
+#include "signing/code_signature.h"
+#include "signing/requirement.h"
 
 namespace {
 
@@ -41,6 +42,18 @@ TEST(Requirement, EveryClauseMustHold) {
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a ", "T1", true})) << "byte for byte";
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"COM.A", "T1", true}));
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a", "t1", true}));
+}
+
+TEST(Printable, EscapesWhatCouldForgeALineAndNothingElse) {
+  for (const auto& [text, shown] : std::initializer_list<std::pair<std::string_view, std::string_view>>{
+           {"CN=Team \xc3\xa9 \xe2\x82\xac \\x41", "CN=Team \xc3\xa9 \xe2\x82\xac \\x41"},  // printable: unchanged
+           {std::string_view("a\nb\r\0\x1b[2J\x7f", 10), "a\\x0ab\\x0d\\x00\\x1b[2J\\x7f"},
+           {"\xc2\x9b \xe2\x80\xa8 \xe2\x80\xae", "\\u{009b} \\u{2028} \\u{202e}"},  // C1, line separator, bidi
+           {"\xff\xc3 \xed\xa0\x80 \xc0\xaf", "\\xff\\xc3 \\xed\\xa0\\x80 \\xc0\\xaf"},  // not UTF-8
+       }) {
+    EXPECT_EQ(LDPrintable(text), shown);
+    EXPECT_EQ(LDPrintable(LDPrintable(text)), shown);
+  }
 }
 
 TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "shared/code_signing.h"
+#include "signing/code_signing.h"
 #include "support/process.h"
 #include "support/test_pki.h"
 #include "tools/code_signer.h"

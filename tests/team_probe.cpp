@@ -2,7 +2,7 @@
 // copy. Prints the client requirement for argv[1], or the error, and exits 0 or 1.
 #include <cstdio>
 
-#include "shared/code_signing.h"
+#include "signing/code_signing.h"
 
 int main(int argc, char** argv) {
   std::optional<LDError> error;

@@ -2,8 +2,8 @@
 
 #include <unistd.h>
 
-#include "shared/code_signing.h"
 #include "shared/constants.h"
+#include "shared/token.h"
 
 namespace {
 

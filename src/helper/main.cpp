@@ -13,8 +13,9 @@
 #include "platform/dispatch.h"
 #include "platform/run_loop.h"
 #include "platform/socket_activation.h"
-#include "shared/code_signing.h"
 #include "shared/constants.h"
+#include "shared/printable.h"
+#include "signing/code_signing.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ LDAdmissionPolicy admissionPolicy() {
 constexpr const char kMustRunAsRoot[] = "quillfern-local-domain-listener: must run as a root LaunchDaemon\n";
 
 int fail(const std::string& text) {
-  std::fprintf(stderr, "quillfern-local-domain-listener: %s\n", text.c_str());
+  std::fprintf(stderr, "quillfern-local-domain-listener: %s\n", LDPrintable(text).c_str());
   return 1;
 }
 

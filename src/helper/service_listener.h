@@ -21,7 +21,7 @@
 #include "helper/helper_connection.h"
 #include "platform/admission_worker.h"
 #include "platform/run_loop.h"
-#include "shared/code_signing.h"
+#include "signing/code_signing.h"
 
 class LDServiceListener;
 

@@ -19,8 +19,8 @@
 #include <string>
 
 #include "platform/process_inspection.h"
-#include "shared/code_signing.h"
 #include "shared/file_handle.h"
+#include "signing/code_signing.h"
 
 struct LDAdmissionPolicy {
   // The peer must run set-group-ID to the group of its executable, with the real gid apart, so

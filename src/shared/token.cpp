@@ -1,7 +1,7 @@
 #include <array>
 #include <cstdint>
 
-#include "shared/code_signing.h"
+#include "shared/token.h"
 
 namespace {
 

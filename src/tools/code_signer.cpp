@@ -11,8 +11,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "shared/code_signature.h"
 #include "shared/file_handle.h"
+#include "signing/code_signature.h"
 
 namespace {
 

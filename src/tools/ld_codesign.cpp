@@ -13,7 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "shared/code_signing.h"
+#include "shared/printable.h"
+#include "signing/code_signing.h"
 #include "tools/code_signer.h"
 
 namespace {
@@ -23,13 +24,18 @@ constexpr const char* kUsage =
     "       ld-codesign verify --requirement TEXT [--anchor ROOT.pem] FILE\n"
     "       ld-codesign display FILE\n";
 
+// Every line that carries a path, a certificate's name or a manifest field is escaped where it
+// is not printable: a crafted name must not be able to print a line of its own.
+void printLine(std::ostream& out, const std::string& text) { out << LDPrintable(text) << "\n"; }
+
 int usageError(const std::string& problem) {
-  std::cerr << "ld-codesign: " << problem << "\n" << kUsage;
+  printLine(std::cerr, "ld-codesign: " + problem);
+  std::cerr << kUsage;
   return 64;
 }
 
 int failure(const std::string& problem) {
-  std::cerr << "ld-codesign: " << problem << "\n";
+  printLine(std::cerr, "ld-codesign: " + problem);
   return 2;
 }
 
@@ -87,8 +93,7 @@ int sign(const Arguments& arguments) {
       LDLoadSigningIdentity(*key, *certificate, chain ? *chain : "", &error);
   if (!identity) return failure(error);
   if (!LDSignFile(arguments.files[0], *identifier, *identity, &error)) return failure(error);
-  std::cout << arguments.files[0] << ": signed as " << *identifier << " (team " << identity->team
-            << ")\n";
+  printLine(std::cout, arguments.files[0] + ": signed as " + *identifier + " (team " + identity->team + ")");
   return 0;
 }
 
@@ -110,13 +115,13 @@ int verify(const Arguments& arguments) {
       arguments.files[0], *requirement, &error, fromFile ? *fromFile : LDTrustAnchors::compiledIn());
   switch (result) {
     case LDCodeVerificationValid:
-      std::cout << arguments.files[0] << ": valid (OSStatus 0)\n";
+      printLine(std::cout, arguments.files[0] + ": valid (OSStatus 0)");
       break;
     case LDCodeVerificationRejected:
-      std::cout << arguments.files[0] << ": rejected: " << error->description() << "\n";
+      printLine(std::cout, arguments.files[0] + ": rejected: " + error->description());
       break;
     case LDCodeVerificationUnverifiable:
-      std::cout << arguments.files[0] << ": unverifiable: " << error->description() << "\n";
+      printLine(std::cout, arguments.files[0] + ": unverifiable: " + error->description());
       break;
   }
   return result;
@@ -141,13 +146,12 @@ int display(const Arguments& arguments) {
   if (contents.status != 0) {
     return failure(path + ": " + contents.detail + " (OSStatus " + std::to_string(contents.status) + ")");
   }
-  std::cout << "identifier " << contents.manifest.identifier << "\n"
-            << "team       " << contents.manifest.team << "\n"
-            << "signer     " << LDNameText(contents.leaf().subject) << "\n"
-            << "size       " << contents.manifest.size << "\n"
-            << "sha256     " << LDHex(contents.manifest.sha256.data(), contents.manifest.sha256.size())
-            << "\n"
-            << "(shown as signed; 'ld-codesign verify' checks trust and the code)\n";
+  printLine(std::cout, "identifier " + contents.manifest.identifier);
+  printLine(std::cout, "team       " + contents.manifest.team);
+  printLine(std::cout, "signer     " + LDNameText(contents.leaf().subject));
+  printLine(std::cout, "size       " + std::to_string(contents.manifest.size));
+  printLine(std::cout, "sha256     " + LDHex(contents.manifest.sha256.data(), contents.manifest.sha256.size()));
+  std::cout << "(shown as signed; 'ld-codesign verify' checks trust and the code)\n";
   return 0;
 }
 

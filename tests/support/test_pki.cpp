@@ -4,6 +4,7 @@
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -82,7 +83,7 @@ TestIdentity TestPki::make(const TestIdentity* issuer, const std::string& name, 
   check(X509_sign(certificate, signingKey, EVP_sha256()) > 0, "sign");
 
   std::string file = name;
-  for (char& c : file) if (c == ' ') c = '-';
+  for (char& c : file) if (!std::isalnum(static_cast<unsigned char>(c))) c = '-';
   identity.keyPath = _directory + "/" + file + ".key";
   identity.certificatePath = _directory + "/" + file + ".pem";
   writeFile(identity.keyPath, pemText([&](BIO* out) {

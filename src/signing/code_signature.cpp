@@ -1,4 +1,4 @@
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 
 #include <nettle/sha2.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "shared/public_key.h"
+#include "signing/public_key.h"
 
 #include <nettle/bignum.h>
 #include <nettle/ecc-curve.h>

@@ -5,7 +5,8 @@
 #include <cerrno>
 #include <memory>
 
-#include "shared/code_signing.h"
+#include "shared/printable.h"
+#include "signing/code_signing.h"
 
 namespace {
 
@@ -111,7 +112,7 @@ LDCodeVerificationResult LDVerifyCodeAtURL(const std::string& path, std::string_
   const int32_t opened = LDStaticCodeCreateWithPath(path, &code);
   if (opened != 0 || !code) {
     if (error) {
-      *error = LDSigningError("No readable code at " + path + " (OSStatus " +
+      *error = LDSigningError("No readable code at " + LDPrintable(path) + " (OSStatus " +
                               std::to_string(opened) + ")");
     }
     return LDCodeVerificationUnverifiable;
@@ -139,8 +140,10 @@ LDCodeVerificationResult LDVerifyCodeAtURL(const std::string& path, std::string_
                         status == errSecCSReqFailed || status == errSecCSSignatureInvalid ||
                         status == errSecCSSignatureUntrusted;
   if (error) {
-    *error = LDSigningError((rejected ? path + " does not satisfy its code-signing requirement"
-                                      : "Could not verify " + path) +
+    // The path may come from anywhere; a message is one line whatever it holds.
+    const std::string shownPath = LDPrintable(path);
+    *error = LDSigningError((rejected ? shownPath + " does not satisfy its code-signing requirement"
+                                      : "Could not verify " + shownPath) +
                             " (OSStatus " + std::to_string(status) + "): " + shownDetail);
   }
   return rejected ? LDCodeVerificationRejected : LDCodeVerificationUnverifiable;

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "shared/der.h"
+#include "signing/der.h"
 
 enum class LDDigestKind : uint8_t { sha256, sha384 };
 

@@ -1,4 +1,9 @@
-#include "shared/certificate.h"
+#include "signing/certificate.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "shared/printable.h"
 
 namespace {
 
@@ -9,13 +14,31 @@ constexpr uint8_t kExtendedKeyUsage[] = {0x55, 0x1d, 0x25};
 constexpr uint8_t kSubjectKeyIdentifier[] = {0x55, 0x1d, 0x0e};
 constexpr uint8_t kAuthorityKeyIdentifier[] = {0x55, 0x1d, 0x23};
 constexpr uint8_t kCodeSigning[] = {0x2b, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x03};
+constexpr uint8_t kAnyExtendedKeyUsage[] = {0x55, 0x1d, 0x25, 0x00};
 
-bool isString(uint8_t tag) {
-  return tag == LDDerUTF8String || tag == LDDerPrintableString || tag == LDDerIA5String;
+bool isPrintableStringCharacter(uint8_t c) {
+  static constexpr std::string_view kPunctuation = " '()+,-./:=?";
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+         kPunctuation.find(static_cast<char>(c)) != std::string_view::npos;
+}
+
+// A string value of a Name, in the character set of its type (X.680 41, RFC 5280 4.1.2.4).
+bool isWellFormedString(const LDDerElement& value) {
+  const LDBytes text = value.contents;
+  switch (value.tag) {
+    case LDDerUTF8String:
+      return LDIsUTF8(text);
+    case LDDerPrintableString:
+      return std::all_of(text.begin(), text.end(), isPrintableStringCharacter);
+    case LDDerIA5String:
+      return std::all_of(text.begin(), text.end(), [](uint8_t c) { return c < 0x80; });
+    default:
+      return false;
+  }
 }
 
 // Calls visit(type, value) for every attribute of a Name; false if it is malformed or holds
-// anything but UTF8String (valid UTF-8), PrintableString or IA5String values.
+// anything but UTF8String, PrintableString or IA5String values within their character sets.
 template <class Visit>
 bool forEachAttribute(LDBytes name, Visit visit) {
   const std::optional<LDDerElement> sequence = LDDerReadOnly(name, LDDerSequence);
@@ -29,8 +52,7 @@ bool forEachAttribute(LDBytes name, Visit visit) {
       if (!attribute) return false;
       const std::optional<LDDerElement> type = attribute->read(LDDerObjectIdentifier);
       const std::optional<LDDerElement> value = attribute->readAny();
-      if (!type || !value || !attribute->atEnd() || !isString(value->tag)) return false;
-      if (value->tag == LDDerUTF8String && !LDIsUTF8(value->contents)) return false;
+      if (!type || !value || !attribute->atEnd() || !isWellFormedString(*value)) return false;
       visit(type->contents, *value);
     }
   }
@@ -53,11 +75,17 @@ bool parseBasicConstraints(LDBytes value, LDCertificate& certificate) {
   return fields.atEnd();
 }
 
+// A named bit list in DER (X.690 11.2): no trailing zero bits, so the last octet is not zero and
+// the unused bits are exactly its trailing zeros, none of them set. OpenSSL reads 03 02 07 84 as
+// digitalSignature alone; a reader that took the set padding bit as keyCertSign would differ.
 bool parseKeyUsage(LDBytes value, LDCertificate& certificate) {
   const std::optional<LDDerElement> bits = LDDerReadOnly(value, LDDerBitString);
   if (!bits || bits->contents.size() < 2 || bits->contents.size() > 3 || bits->contents[0] > 7) {
     return false;
   }
+  const uint8_t last = bits->contents.back();
+  const unsigned unused = bits->contents[0];
+  if (last == 0 || (last & ((1u << unused) - 1)) != 0 || !(last & (1u << unused))) return false;
   uint16_t usage = 0;
   for (size_t i = 1; i < bits->contents.size(); ++i) {
     for (int bit = 0; bit < 8; ++bit) {
@@ -77,6 +105,7 @@ bool parseExtendedKeyUsage(LDBytes value, LDCertificate& certificate) {
     const std::optional<LDDerElement> purpose = purposes.read(LDDerObjectIdentifier);
     if (!purpose) return false;
     if (LDDerEqual(purpose->contents, LDDerLiteral(kCodeSigning))) certificate.codeSigning = true;
+    if (LDDerEqual(purpose->contents, LDDerLiteral(kAnyExtendedKeyUsage))) certificate.anyExtendedKeyUsage = true;
   }
   certificate.hasExtendedKeyUsage = true;
   return true;
@@ -89,10 +118,26 @@ bool parseAuthorityKeyIdentifier(LDBytes value, LDCertificate& certificate) {
   if (const std::optional<LDDerElement> keyIdentifier = fields.read(LDDerContextPrimitive(0))) {
     certificate.authorityKeyIdentifier = keyIdentifier->contents;
   }
-  // authorityCertIssuer [1] and authorityCertSerialNumber [2] are read past, not used.
-  if (fields.peekTag() == LDDerContextConstructed(1) && !fields.readAny()) return false;
-  if (fields.peekTag() == LDDerContextPrimitive(2) && !fields.readAny()) return false;
-  return fields.atEnd();
+  // authorityCertIssuer [1] GeneralNames and authorityCertSerialNumber [2] come together
+  // (RFC 5280 4.2.1.1). Of the names only directoryName [4] (an explicitly tagged Name) can
+  // identify a certificate's issuer; the others are read past, as OpenSSL does.
+  std::optional<LDDerReader> names = fields.enter(LDDerContextConstructed(1));
+  const std::optional<LDDerElement> serial = fields.read(LDDerContextPrimitive(2));
+  if (names.has_value() != serial.has_value() || !fields.atEnd()) return false;
+  if (!names) return true;
+  if (names->atEnd()) return false;
+  while (!names->atEnd()) {
+    const std::optional<LDDerElement> name = names->readAny();
+    if (!name) return false;
+    if (name->tag != LDDerContextConstructed(4)) continue;
+    const std::optional<LDDerElement> directoryName = LDDerReadOnly(name->contents, LDDerSequence);
+    if (!directoryName) return false;
+    certificate.authorityIssuers.push_back(directoryName->encoding);
+  }
+  // An implicitly tagged CertificateSerialNumber: the rules of a serial number, below.
+  if (!LDDerUnsignedInteger(LDDerElement{LDDerInteger, serial->contents, serial->encoding})) return false;
+  certificate.authoritySerialNumber = serial->contents;
+  return true;
 }
 
 bool parseExtensions(LDDerReader extensions, LDCertificate& certificate) {
@@ -167,7 +212,9 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
   std::optional<LDDerReader> validity = fields.enter(LDDerSequence);
   const std::optional<LDDerElement> subject = fields.read(LDDerSequence);
   const std::optional<LDDerElement> publicKey = fields.read(LDDerSequence);
-  if (!serial || serial->contents.empty() || serial->contents.size() > 21 || !innerAlgorithm ||
+  // A positive serial of at most 20 octets (RFC 5280 4.1.2.2), in the fewest octets.
+  const std::optional<LDBytes> serialMagnitude = serial ? LDDerUnsignedInteger(*serial) : std::nullopt;
+  if (!serialMagnitude || serialMagnitude->size() > 20 || !innerAlgorithm ||
       !issuer || !validity || !subject || !publicKey) {
     return std::nullopt;
   }
@@ -225,7 +272,8 @@ std::string LDNameText(LDBytes name) {
       }
     }
     // RFC 4514 lists the most significant attribute last.
-    text = label + "=" + std::string(value.contents.begin(), value.contents.end()) + (text.empty() ? "" : "," + text);
+    const std::string_view raw(reinterpret_cast<const char*>(value.contents.data()), value.contents.size());
+    text = label + "=" + LDPrintable(raw) + (text.empty() ? "" : "," + text);
   });
   return text;
 }

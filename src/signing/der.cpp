@@ -1,6 +1,9 @@
-#include "shared/der.h"
+#include "signing/der.h"
 
 #include <algorithm>
+#include <string_view>
+
+#include "shared/printable.h"
 
 namespace {
 
@@ -13,6 +16,13 @@ bool isObjectIdentifier(LDBytes contents) {
     startOfSubidentifier = !(octet & 0x80);
   }
   return true;
+}
+
+// Two's complement in the fewest octets (X.690 8.3.2): the first nine bits are never all equal.
+bool isMinimalInteger(LDBytes contents) {
+  if (contents.empty()) return false;
+  if (contents.size() == 1) return true;
+  return !(contents[0] == 0x00 && !(contents[1] & 0x80)) && !(contents[0] == 0xff && (contents[1] & 0x80));
 }
 
 }  // namespace
@@ -42,6 +52,7 @@ std::optional<LDDerElement> LDDerReader::readAny() {
   if (_rest.size() - header < length) return std::nullopt;
   LDDerElement element{tag, _rest.subspan(header, length), _rest.first(header + length)};
   if (tag == LDDerObjectIdentifier && !isObjectIdentifier(element.contents)) return std::nullopt;
+  if (tag == LDDerInteger && !isMinimalInteger(element.contents)) return std::nullopt;
   _rest = _rest.subspan(header + length);
   return element;
 }
@@ -66,12 +77,8 @@ std::optional<LDDerElement> LDDerReadOnly(LDBytes bytes, uint8_t tag) {
 
 std::optional<LDBytes> LDDerUnsignedInteger(const LDDerElement& integer) {
   LDBytes value = integer.contents;
-  if (integer.tag != LDDerInteger || value.empty() || (value[0] & 0x80)) return std::nullopt;
-  if (value.size() > 1 && value[0] == 0) {
-    if (!(value[1] & 0x80)) return std::nullopt;  // a zero octet that was not needed
-    value = value.subspan(1);
-  }
-  return value;
+  if (integer.tag != LDDerInteger || !isMinimalInteger(value) || (value[0] & 0x80)) return std::nullopt;
+  return value.size() > 1 && value[0] == 0 ? value.subspan(1) : value;
 }
 
 std::optional<int32_t> LDDerSmallInteger(const LDDerElement& integer) {
@@ -92,27 +99,12 @@ std::optional<LDBytes> LDDerOctetAlignedBits(const LDDerElement& bitString) {
 bool LDDerEqual(LDBytes a, LDBytes b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
 
 bool LDIsUTF8(LDBytes text) {
-  size_t i = 0;
-  while (i < text.size()) {
-    const uint8_t lead = text[i];
-    size_t length = 1;
-    uint32_t minimum = 0, value = lead;
-    if (lead >= 0xf0 && lead <= 0xf4) {
-      length = 4, minimum = 0x10000, value = lead & 0x07u;
-    } else if (lead >= 0xe0 && lead <= 0xef) {
-      length = 3, minimum = 0x800, value = lead & 0x0fu;
-    } else if (lead >= 0xc2 && lead <= 0xdf) {
-      length = 2, minimum = 0x80, value = lead & 0x1fu;
-    } else if (lead >= 0x80) {
-      return false;
-    }
-    if (text.size() - i < length) return false;
-    for (size_t k = 1; k < length; ++k) {
-      if ((text[i + k] & 0xc0) != 0x80) return false;
-      value = value << 6 | (text[i + k] & 0x3fu);
-    }
-    if (value < minimum || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) return false;
-    i += length;
+  const std::string_view view(reinterpret_cast<const char*>(text.data()), text.size());
+  uint32_t codePoint = 0;
+  for (size_t at = 0; at < view.size();) {
+    const size_t length = LDDecodeUTF8(view, at, &codePoint);
+    if (length == 0) return false;
+    at += length;
   }
   return true;
 }

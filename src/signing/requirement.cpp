@@ -1,6 +1,8 @@
-#include "shared/requirement.h"
+#include "signing/requirement.h"
 
 #include <cctype>
+
+#include "shared/printable.h"
 
 namespace {
 
@@ -111,7 +113,7 @@ std::optional<std::string> LDFirstUnmetClause(const LDRequirement& requirement,
     switch (clause.kind) {
       case LDRequirement::Clause::Kind::identifier:
         if (subject.identifier != clause.value) {
-          return "identifier \"" + clause.value + "\" (the code is \"" + subject.identifier + "\")";
+          return "identifier \"" + LDPrintable(clause.value) + "\" (the code is \"" + LDPrintable(subject.identifier) + "\")";
         }
         break;
       case LDRequirement::Clause::Kind::anchorAppleGeneric:
@@ -119,8 +121,8 @@ std::optional<std::string> LDFirstUnmetClause(const LDRequirement& requirement,
         break;
       case LDRequirement::Clause::Kind::leafOrganizationalUnit:
         if (subject.leafTeam != clause.value) {
-          return "certificate leaf[subject.OU] = \"" + clause.value + "\" (the leaf's is \"" +
-                 subject.leafTeam + "\")";
+          return "certificate leaf[subject.OU] = \"" + LDPrintable(clause.value) + "\" (the leaf's is \"" +
+                 LDPrintable(subject.leafTeam) + "\")";
         }
         break;
     }

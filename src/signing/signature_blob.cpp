@@ -1,9 +1,11 @@
 // The CMS SignedData of an appended signature, read for exactly the profile that ld-codesign
 // writes (docs/code-signing.md), and the evaluation of its certificate chain.
 
-#include "shared/code_signature.h"
+#include "signing/code_signature.h"
 
 #include <algorithm>
+
+#include "shared/printable.h"
 
 namespace {
 
@@ -104,6 +106,75 @@ bool parseSignerInfo(LDDerReader fields, LDBytes& issuer, LDBytes& serial, Signe
   return parseSignedAttributes(attributes->contents, signer);
 }
 
+// ContentInfo { signedData, [0] SignedData }: the SignedData's fields, or nothing.
+std::optional<LDDerReader> enterSignedData(LDBytes blob) {
+  const std::optional<LDDerElement> contentInfo = LDDerReadOnly(blob, LDDerSequence);
+  if (!contentInfo) return std::nullopt;
+  LDDerReader outer(contentInfo->contents);
+  const std::optional<LDDerElement> type = outer.read(LDDerObjectIdentifier);
+  if (!type || !LDDerEqual(type->contents, LDDerLiteral(kSignedData))) return std::nullopt;
+  std::optional<LDDerReader> explicitContent = outer.enter(LDDerContextConstructed(0));
+  std::optional<LDDerReader> signedData = explicitContent ? explicitContent->enter(LDDerSequence) : std::nullopt;
+  if (!signedData || !explicitContent->atEnd() || !outer.atEnd()) return std::nullopt;
+  return signedData;
+}
+
+// version 1, one digest algorithm; the digest, or nothing.
+std::optional<LDDigestKind> readSignedDataHeader(LDDerReader& signedData) {
+  const std::optional<LDDerElement> version = signedData.read(LDDerInteger);
+  std::optional<LDDerReader> digestAlgorithms = signedData.enter(LDDerSet);
+  const std::optional<LDDerElement> digestAlgorithm =
+      digestAlgorithms ? digestAlgorithms->read(LDDerSequence) : std::nullopt;
+  if (!version || LDDerSmallInteger(*version) != 1 || !digestAlgorithm || !digestAlgorithms->atEnd()) {
+    return std::nullopt;
+  }
+  return LDParseDigestAlgorithm(*digestAlgorithm);
+}
+
+// EncapsulatedContentInfo { id-data, [0] OCTET STRING }: the content, or why not.
+std::optional<LDBytes> readEncapsulatedContent(LDDerReader& signedData, std::string& problem) {
+  std::optional<LDDerReader> encapsulated = signedData.enter(LDDerSequence);
+  const std::optional<LDDerElement> contentType = encapsulated ? encapsulated->read(LDDerObjectIdentifier) : std::nullopt;
+  if (!contentType || !LDDerEqual(contentType->contents, LDDerLiteral(kData))) {
+    problem = "the signed content is not data";
+    return std::nullopt;
+  }
+  std::optional<LDDerReader> explicitManifest = encapsulated->enter(LDDerContextConstructed(0));
+  if (!explicitManifest) {
+    problem = "the signature carries no manifest";
+    return std::nullopt;
+  }
+  const std::optional<LDDerElement> manifest = explicitManifest->read(LDDerOctetString);
+  if (!manifest || !explicitManifest->atEnd() || !encapsulated->atEnd()) {
+    problem = "the signed content is not one octet string";
+    return std::nullopt;
+  }
+  return manifest->contents;
+}
+
+// [0] certificates, each of the profile, at most kMaximumCertificates; an empty string or why not.
+std::string readCertificates(LDDerReader& signedData, std::vector<LDCertificate>& certificates) {
+  std::optional<LDDerReader> set = signedData.enter(LDDerContextConstructed(0));
+  if (!set || set->atEnd()) return "the signature carries no certificates";
+  while (!set->atEnd()) {
+    const std::optional<LDDerElement> element = set->read(LDDerSequence);
+    std::optional<LDCertificate> certificate = element ? LDParseCertificate(element->encoding) : std::nullopt;
+    if (!certificate) return "a certificate in the signature is outside the signing profile";
+    if (certificates.size() == kMaximumCertificates) return "the signature carries too many certificates";
+    certificates.push_back(*certificate);
+  }
+  return "";
+}
+
+// The certificate that issuer and serial name, matched byte for byte (OpenSSL would also match
+// names after case folding).
+std::optional<size_t> findCertificate(const std::vector<LDCertificate>& certificates, LDBytes issuer, LDBytes serial) {
+  for (size_t i = 0; i < certificates.size(); ++i) {
+    if (LDDerEqual(certificates[i].issuer, issuer) && LDDerEqual(certificates[i].serialNumber, serial)) return i;
+  }
+  return std::nullopt;
+}
+
 // ContentInfo { signedData, [0] SignedData v1 { one digest algorithm, id-data content carried
 // inside, certificates, no CRLs, one SignerInfo } }. Fills contents.certificates, leafIndex and
 // the manifest text; status errSecCSSignatureInvalid on anything else.
@@ -112,52 +183,15 @@ LDSignatureContents parseSignedData(LDBytes blob, LDBytes& content, Signer& sign
   const auto invalid = [&contents](std::string detail) {
     return refuse(std::move(contents), errSecCSSignatureInvalid, std::move(detail), true);
   };
-  const std::optional<LDDerElement> contentInfo = LDDerReadOnly(blob, LDDerSequence);
-  if (!contentInfo) return invalid("the signature is not a single DER-encoded CMS object");
-  LDDerReader outer(contentInfo->contents);
-  const std::optional<LDDerElement> type = outer.read(LDDerObjectIdentifier);
-  if (!type || !LDDerEqual(type->contents, LDDerLiteral(kSignedData))) {
-    return invalid("the signature is not CMS SignedData");
-  }
-  std::optional<LDDerReader> explicitContent = outer.enter(LDDerContextConstructed(0));
-  std::optional<LDDerReader> signedData =
-      explicitContent ? explicitContent->enter(LDDerSequence) : std::nullopt;
-  if (!signedData || !explicitContent->atEnd() || !outer.atEnd()) {
-    return invalid("the signature is not CMS SignedData");
-  }
-  const std::optional<LDDerElement> version = signedData->read(LDDerInteger);
-  std::optional<LDDerReader> digestAlgorithms = signedData->enter(LDDerSet);
-  const std::optional<LDDerElement> digestAlgorithm =
-      digestAlgorithms ? digestAlgorithms->read(LDDerSequence) : std::nullopt;
-  std::optional<LDDerReader> encapsulated = signedData->enter(LDDerSequence);
-  if (!version || LDDerSmallInteger(*version) != 1 || !digestAlgorithm || !digestAlgorithms->atEnd() ||
-      !LDParseDigestAlgorithm(*digestAlgorithm) || !encapsulated) {
-    return invalid("the SignedData header is outside the signing profile");
-  }
-  const std::optional<LDDerElement> contentType = encapsulated->read(LDDerObjectIdentifier);
-  if (!contentType || !LDDerEqual(contentType->contents, LDDerLiteral(kData))) {
-    return invalid("the signed content is not data");
-  }
-  std::optional<LDDerReader> explicitManifest = encapsulated->enter(LDDerContextConstructed(0));
-  if (!explicitManifest) return invalid("the signature carries no manifest");
-  const std::optional<LDDerElement> manifest = explicitManifest->read(LDDerOctetString);
-  if (!manifest || !explicitManifest->atEnd() || !encapsulated->atEnd()) {
-    return invalid("the signed content is not one octet string");
-  }
-  content = manifest->contents;
-
-  std::optional<LDDerReader> certificates = signedData->enter(LDDerContextConstructed(0));
-  if (!certificates || certificates->atEnd()) return invalid("the signature carries no certificates");
-  while (!certificates->atEnd()) {
-    const std::optional<LDDerElement> element = certificates->read(LDDerSequence);
-    std::optional<LDCertificate> certificate =
-        element ? LDParseCertificate(element->encoding) : std::nullopt;
-    if (!certificate) return invalid("a certificate in the signature is outside the signing profile");
-    if (contents.certificates.size() == kMaximumCertificates) {
-      return invalid("the signature carries too many certificates");
-    }
-    contents.certificates.push_back(*certificate);
-  }
+  std::optional<LDDerReader> signedData = enterSignedData(blob);
+  if (!signedData) return invalid("the signature is not a single DER-encoded CMS SignedData object");
+  const std::optional<LDDigestKind> digest = readSignedDataHeader(*signedData);
+  if (!digest) return invalid("the SignedData header is outside the signing profile");
+  std::string problem;
+  const std::optional<LDBytes> manifest = readEncapsulatedContent(*signedData, problem);
+  if (!manifest) return invalid(problem);
+  content = *manifest;
+  if (problem = readCertificates(*signedData, contents.certificates); !problem.empty()) return invalid(problem);
   std::optional<LDDerReader> signerInfos = signedData->enter(LDDerSet);
   if (!signerInfos || !signedData->atEnd()) return invalid("the SignedData is outside the signing profile");
   std::optional<LDDerReader> signerInfo = signerInfos->enter(LDDerSequence);
@@ -165,20 +199,18 @@ LDSignatureContents parseSignedData(LDBytes blob, LDBytes& content, Signer& sign
     return refuse(std::move(contents), errSecCSSignatureInvalid, "the signature must have exactly one signer");
   }
   LDBytes issuer, serial;
-  if (!parseSignerInfo(*signerInfo, issuer, serial, signer) ||
-      LDParseDigestAlgorithm(*digestAlgorithm) != signer.digest) {
+  if (!parseSignerInfo(*signerInfo, issuer, serial, signer) || signer.digest != *digest) {
     return invalid("the signer's information is outside the signing profile");
   }
-  for (size_t i = 0; i < contents.certificates.size(); ++i) {
-    const LDCertificate& candidate = contents.certificates[i];
-    if (LDDerEqual(candidate.issuer, issuer) && LDDerEqual(candidate.serialNumber, serial)) {
-      contents.leafIndex = i;
-      return contents;
-    }
+  const std::optional<size_t> leaf = findCertificate(contents.certificates, issuer, serial);
+  if (!leaf) return invalid("the signer's certificate is not in the signature");
+  contents.leafIndex = *leaf;
+  // CMS would take rsaEncryption as the label of an ECDSA signature; the profile names the key's
+  // own algorithm.
+  if ((signer.algorithm.kind == LDSignatureKind::ecdsa) != (contents.leaf().key.kind != LDPublicKey::Kind::rsa)) {
+    return invalid("the signature algorithm is not that of the signer's key (required by the signing profile)");
   }
-  // Names are compared byte for byte; OpenSSL would also match after case folding.
-  return refuse(std::move(contents), errSecCSSignatureInvalid, "the signer's certificate is not in the signature",
-                true);
+  return contents;
 }
 
 LDSignatureContents withTeam(LDSignatureContents&& contents) {
@@ -228,21 +260,35 @@ LDSignatureContents LDReadSignatureBlob(LDBytes blob) {
   contents = withTeam(std::move(contents));
   if (contents.status == LDCodeSigningStatusOK && contents.leafTeam != contents.manifest.team) {
     return refuse(std::move(contents), errSecCSSignatureInvalid,
-                  "the manifest's team \"" + contents.manifest.team +
-                      "\" is not the signer's organisational unit \"" + contents.leafTeam + "\"");
+                  "the manifest's team \"" + LDPrintable(contents.manifest.team) +
+                      "\" is not the signer's organisational unit \"" + LDPrintable(contents.leafTeam) + "\"");
   }
   return contents;
 }
 
 namespace {
 
-// Whether issuer may have issued certificate: names, key identifiers when both are given
-// (as OpenSSL's X509_check_akid does), a CA allowed to sign certificates, within its path
-// length, and the signature.
-bool issued(const LDCertificate& issuer, const LDCertificate& certificate, int intermediatesBelow) {
-  if (!LDDerEqual(issuer.subject, certificate.issuer)) return false;
+// Whether certificate's authority key identifier, where it says anything, names issuer: the key
+// identifier (when both are given), and the issuer's own issuer and serial number (as OpenSSL's
+// X509_check_akid compares them).
+bool authorityKeyIdentifierNames(const LDCertificate& certificate, const LDCertificate& issuer) {
   if (!certificate.authorityKeyIdentifier.empty() && !issuer.subjectKeyIdentifier.empty() &&
       !LDDerEqual(certificate.authorityKeyIdentifier, issuer.subjectKeyIdentifier)) {
+    return false;
+  }
+  if (!certificate.authoritySerialNumber.empty() &&
+      !LDDerEqual(certificate.authoritySerialNumber, issuer.serialNumber)) {
+    return false;
+  }
+  const std::vector<LDBytes>& names = certificate.authorityIssuers;
+  return names.empty() || std::any_of(names.begin(), names.end(),
+                                      [&](LDBytes name) { return LDDerEqual(name, issuer.issuer); });
+}
+
+// Whether issuer may have issued certificate: names, the authority key identifier, a CA allowed
+// to sign certificates, within its path length, and the signature.
+bool issued(const LDCertificate& issuer, const LDCertificate& certificate, int intermediatesBelow) {
+  if (!LDDerEqual(issuer.subject, certificate.issuer) || !authorityKeyIdentifierNames(certificate, issuer)) {
     return false;
   }
   if (!issuer.isAuthority || (issuer.keyUsage && !(*issuer.keyUsage & LDKeyUsageKeyCertSign))) return false;
@@ -250,34 +296,56 @@ bool issued(const LDCertificate& issuer, const LDCertificate& certificate, int i
   return LDCertificateIsSignedBy(certificate, issuer);
 }
 
-int32_t untrusted(std::string* detail, std::string text) {
+// A CA whose extendedKeyUsage leaves out code signing (a sub-CA for TLS servers, say) vouches
+// for no code signer below it, whatever the leaf says of itself.
+bool mayVouchForCodeSigning(const LDCertificate& authority) {
+  return !authority.hasExtendedKeyUsage || authority.codeSigning || authority.anyExtendedKeyUsage;
+}
+
+int32_t untrusted(std::string* detail, bool* outsideProfile, std::string text, bool stricterThanX509 = false) {
   if (detail) *detail = std::move(text);
+  if (outsideProfile) *outsideProfile = stricterThanX509;
   return errSecCSSignatureUntrusted;
+}
+
+// The leaf's own uses, once the chain holds.
+int32_t leafMaySignCode(const LDCertificate& leaf, std::string* detail, bool* outsideProfile) {
+  if (!leaf.hasExtendedKeyUsage || !leaf.codeSigning) {
+    return untrusted(detail, outsideProfile, "the signer's certificate is not for code signing");
+  }
+  if (leaf.keyUsage && !(*leaf.keyUsage & LDKeyUsageDigitalSignature)) {
+    return untrusted(detail, outsideProfile,
+                     "the signer's certificate may not make digital signatures (required by the signing profile)", true);
+  }
+  return LDCodeSigningStatusOK;
 }
 
 }  // namespace
 
 int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDCertificate>& anchors,
-                      std::string* detail) {
+                      std::string* detail, bool* outsideProfile) {
   const LDCertificate& leaf = contents.leaf();
   const LDCertificate* current = &leaf;
-  for (int intermediates = 0; intermediates <= kMaximumIntermediates; ++intermediates) {
+  const auto refuseStricter = [&](std::string text) { return untrusted(detail, outsideProfile, std::move(text), true); };
+  for (int intermediates = 0;; ++intermediates) {
+    // The profile understands five extensions; OpenSSL knows more (nameConstraints, policies).
     if (current->unknownCriticalExtension) {
-      return untrusted(detail, "a certificate in the chain has a critical extension that is not understood");
+      return refuseStricter("a certificate in the chain has a critical extension that is not understood (signing profile)");
+    }
+    if (current != &leaf && !mayVouchForCodeSigning(*current)) {
+      return refuseStricter("an intermediate's extended key usage leaves out code signing (signing profile)");
+    }
+    for (const LDCertificate& anchor : anchors) {
+      if (!issued(anchor, *current, intermediates)) continue;
+      if (anchor.unknownCriticalExtension) {
+        return refuseStricter("the root has a critical extension that is not understood (signing profile)");
+      }
+      if (!mayVouchForCodeSigning(anchor)) {
+        return refuseStricter("the root's extended key usage leaves out code signing (signing profile)");
+      }
+      return leafMaySignCode(leaf, detail, outsideProfile);
     }
     const LDCertificate* next = nullptr;
-    for (const LDCertificate& anchor : anchors) {
-      if (issued(anchor, *current, intermediates)) {
-        if (anchor.unknownCriticalExtension) break;
-        if (!leaf.hasExtendedKeyUsage || !leaf.codeSigning) {
-          return untrusted(detail, "the signer's certificate is not for code signing");
-        }
-        if (leaf.keyUsage && !(*leaf.keyUsage & LDKeyUsageDigitalSignature)) {
-          return untrusted(detail, "the signer's certificate may not make digital signatures (required by the signing profile)");
-        }
-        return LDCodeSigningStatusOK;
-      }
-    }
     for (const LDCertificate& candidate : contents.certificates) {
       if (&candidate != current && &candidate != &leaf && issued(candidate, *current, intermediates)) {
         next = &candidate;
@@ -285,8 +353,12 @@ int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDC
       }
     }
     if (!next) break;
+    if (intermediates == kMaximumIntermediates) {
+      return refuseStricter("the chain has more than " + std::to_string(kMaximumIntermediates) +
+                            " intermediates (signing profile)");
+    }
     current = next;
   }
-  return untrusted(detail, "the signer's certificate chain is not trusted: it does not lead to a "
-                           "compiled-in root (issuer " + LDNameText(current->issuer) + ")");
+  return untrusted(detail, outsideProfile, "the signer's certificate chain is not trusted: it does not lead to a "
+                                           "compiled-in root (issuer " + LDNameText(current->issuer) + ")");
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// Code-signing identity (the running program's team, the requirement a peer must satisfy),
-// verification of code on disk, and one-time tokens.
+// Code-signing identity (the running program's team, the requirement a peer must satisfy) and
+// verification of code on disk.
 
 #include <cstdint>
 #include <memory>
@@ -9,12 +9,11 @@
 #include <string>
 #include <string_view>
 
-#include "shared/code_signature.h"
 #include "shared/constants.h"
 #include "shared/file_handle.h"
-#include "shared/requirement.h"
-#include "shared/system_calls.h"
-#include "shared/trust_anchors.h"
+#include "signing/code_signature.h"
+#include "signing/requirement.h"
+#include "signing/trust_anchors.h"
 
 // ---- Team identity and client requirement ----
 
@@ -77,10 +76,3 @@ enum LDCodeVerificationResult : int32_t {
 LDCodeVerificationResult LDVerifyCodeAtURL(const std::string& path, std::string_view requirementText,
                                            LDErrorPlace error = nullptr,
                                            const LDTrustAnchors& anchors = LDTrustAnchors::compiledIn());
-
-// ---- Tokens ----
-
-// 64 lower-case hexadecimal characters from 32 bytes of the kernel's cryptographic random source
-// (getrandom), fresh on every call.
-std::optional<std::string> LDUnpredictableToken(LDErrorPlace error = nullptr,
-                                                LDSystemCalls& systemCalls = LDSystemCalls::real());

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "shared/certificate.h"
+#include "signing/certificate.h"
 
 class LDTrustAnchors {
  public:

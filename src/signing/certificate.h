@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "shared/der.h"
-#include "shared/public_key.h"
+#include "signing/der.h"
+#include "signing/public_key.h"
 
 // keyUsage bits, numbered as in RFC 5280 (bit 0 is the most significant bit of the first octet).
 enum LDKeyUsage : uint16_t {
@@ -31,7 +31,12 @@ struct LDCertificate {
   std::optional<uint16_t> keyUsage;    // absent: any use
   bool hasExtendedKeyUsage = false;
   bool codeSigning = false;            // extendedKeyUsage names id-kp-codeSigning
+  bool anyExtendedKeyUsage = false;    // extendedKeyUsage names anyExtendedKeyUsage
   LDBytes subjectKeyIdentifier, authorityKeyIdentifier;  // empty when absent
+  // authorityKeyIdentifier's authorityCertIssuer (its directory names, tag and length included)
+  // and authorityCertSerialNumber (the INTEGER's contents octets); empty when absent.
+  std::vector<LDBytes> authorityIssuers;
+  LDBytes authoritySerialNumber;
   bool unknownCriticalExtension = false;
 };
 
@@ -44,7 +49,8 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding);
 // IA5String); nothing when there is none, several, or another string type.
 std::optional<std::string> LDSingleOrganizationalUnit(const LDCertificate& certificate);
 
-// RFC 4514 text of a Name, for messages (best effort: unknown attributes by OID).
+// RFC 4514 text of a Name, for messages (best effort: unknown attributes as "?"), its values
+// escaped where they are not printable (LDPrintable).
 std::string LDNameText(LDBytes name);
 
 // Whether issuer's key made certificate's signature.

@@ -1,4 +1,4 @@
-#include "shared/trust_anchors.h"
+#include "signing/trust_anchors.h"
 
 #include <cstdint>
 

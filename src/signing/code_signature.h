@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "shared/certificate.h"
+#include "signing/certificate.h"
 
 // Statuses with the meanings (and numbers) of the platform the system was first built for.
 enum LDCodeSigningStatus : int32_t {
@@ -90,11 +90,14 @@ LDSignatureContents LDReadSigningInformation(LDBytes blob);
 // not evaluated here (see LDVerifyChain).
 LDSignatureContents LDReadSignatureBlob(LDBytes blob);
 
-// The leaf chains to one of the anchors by names and signatures, every issuer a CA allowed to
-// sign certificates, no unknown critical extension anywhere, and the leaf is for code signing
-// (expiry ignored). Returns 0 or errSecCSSignatureUntrusted with a detail.
+// The leaf chains to one of the anchors by names, authority key identifiers and signatures,
+// every issuer a CA allowed to sign certificates and, where its extendedKeyUsage says anything,
+// code signers; no unknown critical extension anywhere; at most six intermediates; and the leaf is
+// for code signing (expiry and revocation are not checked: docs/code-signing.md). Returns 0 or
+// errSecCSSignatureUntrusted with a detail; *outsideProfile says whether the refusal is one of
+// the profile's rules that a general X.509 verifier does not make.
 int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDCertificate>& anchors,
-                      std::string* detail);
+                      std::string* detail, bool* outsideProfile = nullptr);
 
 inline LDBytes LDBytesOf(std::string_view text) {
   return LDBytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());

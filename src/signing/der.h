@@ -2,7 +2,8 @@
 
 // A reader for DER, the distinguished encoding only: single-byte tags, definite lengths in their
 // shortest form, and nothing after the last element. It never allocates and never reads outside
-// the bytes it is given; object identifiers are checked as they are read; every accessor reports a violation as "nothing" rather than guessing.
+// the bytes it is given; object identifiers and INTEGERs (in their fewest octets) are checked as
+// they are read; every accessor reports a violation as "nothing" rather than guessing.
 
 #include <cstddef>
 #include <cstdint>
