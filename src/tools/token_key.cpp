@@ -51,8 +51,14 @@ std::optional<std::string> takePinFromFile(const std::string& uri, std::string* 
   }
   if (!pin->empty() && pin->back() == '\r') pin->pop_back();
   // Drop the attribute with the separator before it, keeping whatever follows.
-  return uri.substr(0, start - 1) + (end < uri.size() && uri[start - 1] == '?' ? "?" + uri.substr(end + 1)
-                                                                                 : uri.substr(end));
+  std::string rest = uri.substr(0, start - 1);
+  if (end < uri.size() && uri[start - 1] == '?') {
+    rest.push_back('?');
+    rest.append(uri, end + 1);
+  } else {
+    rest.append(uri, end);
+  }
+  return rest;
 }
 
 }  // namespace
