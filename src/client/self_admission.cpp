@@ -34,9 +34,14 @@ std::optional<std::string> executableProblem(int self, const LDExecutableFile& f
     return path + " lies on a " + mount->fileSystemType + " file system, which a user-space or network server "
            "controls. Install it on a local file system (such as /usr).";
   }
-  if (mount->noSetId || makedev(mount->major, mount->minor) != file.device) {
+  if (mount->noSetId) {
     return path + " lies on a file system mounted nosuid, where set-group-ID has no effect. Install it on a "
            "file system mounted without nosuid (such as /usr).";
+  }
+  if (makedev(mount->major, mount->minor) != file.device) {
+    return "The mount table names another device than the one that holds " + path +
+           " (as btrfs subvolumes and some overlays do), so the helper cannot tell what serves it. Install it "
+           "on a plain local file system (such as /usr).";
   }
   if (!S_ISREG(file.mode) || file.owner != 0 || (file.mode & (S_IWGRP | S_IWOTH)) != 0) {
     return path + " must be a regular file owned by root and not writable by group or others. " +
