@@ -3,7 +3,8 @@
 # DEVTEAM001) are made once in the build tree, so a fresh checkout builds, signs and runs.
 
 set(LD_CODE_SIGNING_ANCHOR "" CACHE FILEPATH "PEM root(s) compiled in as the only trust anchors")
-set(LD_SIGNING_KEY "" CACHE FILEPATH "PEM private key that signs the built programs")
+set(LD_SIGNING_KEY "" CACHE STRING "PEM private key file, or pkcs11: URI of a key in a token, that signs the built programs")
+set(LD_PKCS11_MODULE "" CACHE FILEPATH "PKCS#11 module of the token when LD_SIGNING_KEY is a pkcs11: URI")
 set(LD_SIGNING_CERT "" CACHE FILEPATH "PEM leaf certificate of that key (subject OU = team)")
 set(LD_SIGNING_CHAIN "" CACHE FILEPATH "PEM intermediates to carry in signatures (optional)")
 
@@ -45,6 +46,9 @@ function(ld_sign_target target identifier)
   set(chain_arguments "")
   if(LD_CHAIN_FILE)
     set(chain_arguments --chain "${LD_CHAIN_FILE}")
+  endif()
+  if(LD_PKCS11_MODULE)
+    list(APPEND chain_arguments --pkcs11-module "${LD_PKCS11_MODULE}")
   endif()
   add_dependencies(${target} ld-codesign)
   add_custom_command(TARGET ${target} POST_BUILD

@@ -1,5 +1,8 @@
-# Installation (cmake --install) and a Debian package (cpack -G DEB) with the systemd units.
+# Installation (cmake --install) and two Debian packages (cpack -G DEB): the runtime package
+# with the helper, the systemd units and the demo, and the -dev package with the SDK
+# (cmake/LDSdk.cmake) and ld-codesign, for building and signing applications.
 include(GNUInstallDirs)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME runtime)
 
 # Installing must not rewrite the executables: they are signed, and a changed byte breaks the
 # signature. Nothing here links against build-tree shared libraries, so no RPATH is needed.
@@ -24,7 +27,8 @@ endforeach()
 
 install(TARGETS quillfern-local-domain-listener DESTINATION "${CMAKE_INSTALL_LIBEXECDIR}"
         PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-install(TARGETS quillfern-listen ld-codesign DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(TARGETS quillfern-listen DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(TARGETS ld-codesign DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT dev)
 # The helper admits the application only when it runs set-group-ID to a group of its own. A plain
 # `cmake --install` as root makes the group and sets the mode; a package does it in postinst.
 set(LD_APPLICATION_GROUP "quillfern-listen" CACHE STRING "The demo application's own group, with no members")
@@ -49,6 +53,7 @@ install(FILES "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.socket"
         DESTINATION "${LD_SYSTEMD_UNIT_DIR}")
 install(FILES docs/protocol.md docs/security.md docs/code-signing.md README.md
         DESTINATION "${CMAKE_INSTALL_DOCDIR}")
+include(cmake/LDSdk.cmake)
 
 set(CPACK_PACKAGE_NAME "quillfern-local-domain-listener")
 set(CPACK_PACKAGE_VENDOR "Quillfern")
@@ -56,12 +61,21 @@ set(CPACK_PACKAGE_CONTACT "Quillfern developers <dev@quillfern.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
     "Privileged helper that hands loopback port 80 listeners to a signed application")
 set(CPACK_GENERATOR "DEB")
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libssl3 (>= 3.0), systemd, passwd")
-set(CPACK_DEBIAN_PACKAGE_SECTION "net")
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime dev)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "${CPACK_PACKAGE_NAME}")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "systemd, passwd")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION "net")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME "${CPACK_PACKAGE_NAME}-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
+    "${CPACK_PACKAGE_NAME} (= ${PROJECT_VERSION}), libssl3 (>= 3.0), libstdc++-12-dev | libstdc++-dev, pkg-config")
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION "libdevel")
+set(CPACK_COMPONENT_DEV_DESCRIPTION
+    "SDK for applications of the local domain listener helper\n The C interface <quillfern/local_domain_listener.h>, its static library, a\n pkg-config file, a CMake package and ld-codesign, to build and sign applications.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 # dpkg-shlibdeps and strip would not change behaviour, but strip would remove the signatures.
 set(CPACK_STRIP_FILES OFF)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     "${CMAKE_BINARY_DIR}/packaging/postinst;${CMAKE_BINARY_DIR}/packaging/prerm;${CMAKE_BINARY_DIR}/packaging/postrm")
 # The units name the helper by its installed path, so the package installs where the build said.
 set(CPACK_PACKAGING_INSTALL_PREFIX "${CMAKE_INSTALL_PREFIX}")

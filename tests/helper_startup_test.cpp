@@ -10,7 +10,6 @@
 
 #include <cstdlib>
 
-#include "client/listener_client.h"
 #include "platform/socket_activation.h"
 #include "signing/code_signature.h"
 #include "support/descriptors.h"
@@ -105,30 +104,6 @@ TEST(ServiceSocket, ActivationIsTakenOnlyWhenItNamesThisProcess) {
   EXPECT_EQ(::fcntl(3, F_GETFD), -1) << "closed";
   if (saved.isValid()) {
     ASSERT_EQ(::dup2(saved.fileDescriptor(), 3), 3);
-  }
-}
-
-TEST(Client, SaysWhatToDoWhenNothingListens) {
-  ldtest::TemporaryDirectory directory;
-  const std::string stale = directory.file("stale.sock");
-  seqpacketSocket(stale, Seqpacket::bound);  // closed at once: its file stays, nobody listens
-  const std::string byHand = "systemd-socket-activate --seqpacket -l ";
-  const std::string helper = " /path/to/quillfern-local-domain-listener.";
-  const std::string service = LDServiceSocketPath();
-  for (const auto& [path, expected] : std::vector<std::pair<std::string, std::string>>{
-           {stale, "Nothing is listening at " + stale + " (a socket file left behind by a stopped listener): start a "
-                   "helper there, as root: " + byHand + stale + helper},
-           {service, "There is no helper socket at " + service + ": the helper's socket unit is not running. With "
-                     "the package installed, run as root: systemctl enable --now " + std::string(LDMachServiceName) +
-                     ".socket. From a source build, run as root: " + byHand + service + helper},
-       }) {
-    LDClientOptions options;
-    options.socketPath = path;
-    options.requireSecureExecution = false;
-    std::optional<LDError> error;
-    EXPECT_FALSE(LDAcquireListeners(options, &error));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->description(), expected);
   }
 }
 

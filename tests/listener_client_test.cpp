@@ -1,9 +1,11 @@
-// The application side against helpers that misbehave: it checks itself before it asks, and
-// checks what it is handed before it acknowledges.
+// The application side against helpers that misbehave and against installs the helper refuses:
+// it checks itself before it asks, checks what it is handed before it acknowledges, and gives its
+// group up however it ends.
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +14,9 @@
 
 #include <gtest/gtest.h>
 
+#include <quillfern/local_domain_listener.h>
+
+#include <cstring>
 #include <filesystem>
 
 #include "client/listener_client.h"
@@ -19,19 +24,9 @@
 #include "platform/wire.h"
 #include "shared/loopback_listeners.h"
 #include "support/descriptors.h"
-#include "support/test_pki.h"
+#include "support/helper_harness.h"
 
 namespace {
-
-TEST(Client, RefusesToAskUnlessItRunsSetGroupId) {
-  std::optional<LDError> error;
-  EXPECT_FALSE(LDAcquireListeners({.socketPath = "/nonexistent/helper.sock"}, &error));
-  ASSERT_TRUE(error);
-  EXPECT_NE(error->description().find("This program must be installed set-group-ID to a group of its own"),
-            std::string::npos)
-      << error->description();
-  EXPECT_NE(error->description().find("&& chmod 2755 "), std::string::npos) << "says how";
-}
 
 // Whether any descriptor of process pid is one of the sockets.
 bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
@@ -45,26 +40,126 @@ bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
   return false;
 }
 
-enum class Fault { otherNamespace, swapped, tooManyFiles };
+// How the fake helper ends the exchange, or what the client is made to lack.
+enum class Fault {
+  none, notSetGroupId, noSocket, staleSocket, closeBeforeHello, silent, malformed, busy, portInUse, noHandles,
+  otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
+};
 
-// A fake helper hands over the listener pair with a fault; the client, in a child, must refuse,
-// close what it got before it says so, and tell why.
-TEST(Client, RefusesListenersItCannotVouchFor) {
-  for (const auto& [fault, expectedError] : {
-           std::pair{Fault::otherNamespace, "Received 127.0.0.1:80 belongs to another network namespace"},
-           std::pair{Fault::swapped, "Expected 127.0.0.1:80, received [::1]:80"},
-           std::pair{Fault::tooManyFiles, "this process has too many open files (RLIMIT_NOFILE is "},
-       }) {
-    SCOPED_TRACE(expectedError);
-    ldtest::TemporaryDirectory directory;
-    const std::string path = directory.file("helper.sock");
-    const LDFileHandle listening = ldtest::seqpacketSocket(path, ldtest::Seqpacket::listening);
-    auto pair = LDLoopbackListeners::initWithPort(80);
-    LDFileHandle ipv4, ipv6;
-    ASSERT_TRUE(pair && pair->duplicateIntoIPv4(ipv4, ipv6));
+struct Case {
+  Fault fault;
+  std::string expected;  // in the error's description, or "acquired"
+  LDClientFailure failure = LDClientFailure::helperFailed;
+};
+
+// The client in a child that runs with another effective and saved group than its real one, as
+// an application installed set-group-ID does; it reports what it said and its gids afterwards.
+[[noreturn]] void runClient(Fault fault, const std::string& path, int report) {
+  if (::setresgid(0, 4242, 4242) != 0) ::_exit(2);
+  if (fault == Fault::otherNamespace && ::unshare(CLONE_NEWNET) != 0) ::_exit(2);
+  if (fault == Fault::tooManyFiles) {
+    // Room for the self-check's two descriptors and then the connection to the helper (the
+    // lowest free number), but not for both listeners it sends.
+    const int lowest = ::dup(0);
+    ::close(lowest);
+    const rlimit limit{static_cast<rlim_t>(lowest + 2), static_cast<rlim_t>(lowest + 2)};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  std::optional<LDError> error;
+  LDClientFailure failure{};
+  const bool acquired = LDAcquireListeners({.socketPath = fault == Fault::noSocket ? path + ".none" : path,
+                                            .activationTimeout = 1,
+                                            .requireSecureExecution = fault == Fault::notSetGroupId},
+                                           &error, &failure)
+                            .has_value();
+  gid_t real = 1, effective = 1, saved = 1;
+  ::getresgid(&real, &effective, &saved);
+  const std::string text = (acquired ? std::string("acquired") : error->description()) + "\n" +
+                           std::to_string(acquired ? 0 : static_cast<int>(failure)) + " gids " +
+                           std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
+  (void)!::write(report, text.data(), text.size());
+  ::_exit(0);
+}
+
+// Plays the helper's part on one connection up to the fault.
+void playHelper(int connection, Fault fault, pid_t client, const LDFileHandle& ipv4, const LDFileHandle& ipv6) {
+  if (fault == Fault::closeBeforeHello) return;
+  if (fault == Fault::silent) {
+    ::usleep(1'200'000);
+    return;
+  }
+  LDSendPacket(connection, LDEncodeMessage(LDHelloMessage{}), {}, false);
+  LDReceivedPacket packet;
+  auto receive = [&] {
+    pollfd entry{connection, POLLIN, 0};
+    int errorNumber = 0;
+    return ::poll(&entry, 1, 5000) == 1 &&
+           LDReceivePacket(connection, 4096, &packet, &errorNumber) == LDReceiveResult::packet;
+  };
+  receive();
+  if (fault == Fault::malformed) {
+    LDSendPacket(connection, "QLD1 and then nonsense", {}, false);
+    return;
+  }
+  const int64_t status = fault == Fault::busy ? 4 : fault == Fault::portInUse ? 8 : 0;
+  const std::vector<int> descriptors = fault == Fault::noHandles || status != 0 ? std::vector<int>{}
+                                       : fault == Fault::swapped ? std::vector{ipv6.fileDescriptor(), ipv4.fileDescriptor()}
+                                                                 : std::vector{ipv4.fileDescriptor(), ipv6.fileDescriptor()};
+  LDSendPacket(connection,
+               LDEncodeMessage(LDRequestReplyMessage{1, status, std::string(64, 'a'),
+                                                     static_cast<uint8_t>(descriptors.empty() ? 0 : 3), 1, "refused"}),
+               descriptors, false);
+  if (!receive()) return;
+  const auto complete = LDDecodeMessage(packet.bytes, 0);
+  const bool accepted = complete && std::holds_alternative<LDCompleteMessage>(*complete) &&
+                        std::get<LDCompleteMessage>(*complete).accepted;
+  const bool faulty = fault == Fault::otherNamespace || fault == Fault::swapped || fault == Fault::tooManyFiles;
+  EXPECT_EQ(accepted, !faulty) << "the client accepts in its completion exactly what passed its checks";
+  if (faulty) {
     struct stat v4 {}, v6 {};
     ::fstat(ipv4.fileDescriptor(), &v4);
     ::fstat(ipv6.fileDescriptor(), &v6);
+    EXPECT_FALSE(holdsAny(client, {v4.st_ino, v6.st_ino})) << "the client still holds a refused listener";
+  }
+  const int64_t reply = fault == Fault::acknowledgementRejected || !accepted ? 2 : 1;
+  LDSendPacket(connection, LDEncodeMessage(LDCompleteReplyMessage{1, reply, "no"}), {}, false);
+}
+
+// However the request ends, the client says why in words and in kind, and has given its group up
+// (real, effective and saved gid all the real one) before it returns.
+TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
+  const std::vector<Case> cases = {
+      {Fault::none, "acquired"},
+      {Fault::notSetGroupId, "This program must be installed set-group-ID to a group of its own",
+       LDClientFailure::notAdmissible},
+      {Fault::noSocket, ".none: start a helper there, as root: systemd-socket-activate --seqpacket -l ",
+       LDClientFailure::noHelper},
+      {Fault::staleSocket, "sock (a socket file left behind by a stopped listener): start a helper there",
+       LDClientFailure::noHelper},
+      {Fault::closeBeforeHello, "The helper closed the connection while waiting to be admitted",
+       LDClientFailure::refused},
+      {Fault::silent, "The helper did not answer in time while waiting to be admitted", LDClientFailure::timedOut},
+      {Fault::malformed, "The helper sent a malformed message while waiting for the listeners"},
+      {Fault::busy, "Another program is taking the listeners from the helper right now (refused)",
+       LDClientFailure::busy},
+      {Fault::portInUse, "Port 80 on 127.0.0.1 or ::1 is already in use by another program (refused)",
+       LDClientFailure::portInUse},
+      {Fault::noHandles, "The helper's reply lacks a listener or the token."},
+      {Fault::otherNamespace, "Received 127.0.0.1:80 belongs to another network namespace",
+       LDClientFailure::invalidListeners},
+      {Fault::swapped, "Expected 127.0.0.1:80, received [::1]:80", LDClientFailure::invalidListeners},
+      {Fault::tooManyFiles, "this process has too many open files (RLIMIT_NOFILE is ", LDClientFailure::systemError},
+      {Fault::acknowledgementRejected, "The helper did not accept the acknowledgement (no)."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.expected);
+    ldtest::TemporaryDirectory directory;
+    const std::string path = directory.file("helper.sock");
+    LDFileHandle listening = ldtest::seqpacketSocket(path, ldtest::Seqpacket::listening);
+    if (c.fault == Fault::staleSocket) listening.reset();  // its file stays, nobody listens
+    auto pair = LDLoopbackListeners::initWithPort(80);
+    LDFileHandle ipv4, ipv6;
+    ASSERT_TRUE(pair && pair->duplicateIntoIPv4(ipv4, ipv6));
     int report[2];
     ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
     const pid_t child = ::fork();
@@ -72,52 +167,93 @@ TEST(Client, RefusesListenersItCannotVouchFor) {
       ipv4.reset();  // the client must hold only what it receives
       ipv6.reset();
       pair.reset();
-      if (fault == Fault::otherNamespace && ::unshare(CLONE_NEWNET) != 0) ::_exit(2);
-      if (fault == Fault::tooManyFiles) {
-        // Room for the connection to the helper (the lowest free number), none for what it sends.
-        const int lowest = ::dup(0);
-        ::close(lowest);
-        const rlimit limit{static_cast<rlim_t>(lowest + 1), static_cast<rlim_t>(lowest + 1)};
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-      }
-      std::optional<LDError> error;
-      const bool acquired = LDAcquireListeners({.socketPath = path, .requireSecureExecution = false}, &error).has_value();
-      const std::string text = acquired ? "acquired" : error->description();
-      (void)!::write(report[1], text.data(), text.size());
-      ::_exit(0);
+      runClient(c.fault, path, report[1]);
     }
     ::close(report[1]);
-    LDFileHandle connection(::accept4(listening.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
-    LDSendPacket(connection.fileDescriptor(), LDEncodeMessage(LDHelloMessage{}), {}, false);
-    LDReceivedPacket packet;
-    auto receive = [&] {
-      pollfd entry{connection.fileDescriptor(), POLLIN, 0};
-      int errorNumber = 0;
-      return ::poll(&entry, 1, 5000) == 1 &&
-             LDReceivePacket(connection.fileDescriptor(), 4096, &packet, &errorNumber) == LDReceiveResult::packet;
-    };
-    receive();
-    const std::vector<int> descriptors = fault == Fault::swapped
-                                             ? std::vector{ipv6.fileDescriptor(), ipv4.fileDescriptor()}
-                                             : std::vector{ipv4.fileDescriptor(), ipv6.fileDescriptor()};
-    LDSendPacket(connection.fileDescriptor(),
-                 LDEncodeMessage(LDRequestReplyMessage{1, 0, std::string(64, 'a'), 3, 1, std::nullopt}), descriptors,
-                 false);
-    if (receive()) {
-      const auto complete = LDDecodeMessage(packet.bytes, 0);
-      EXPECT_TRUE(complete && std::holds_alternative<LDCompleteMessage>(*complete) &&
-                  !std::get<LDCompleteMessage>(*complete).accepted)
-          << "the client refuses in its completion";
-      EXPECT_FALSE(holdsAny(child, {v4.st_ino, v6.st_ino})) << "the client still holds a refused listener";
-      LDSendPacket(connection.fileDescriptor(), LDEncodeMessage(LDCompleteReplyMessage{1, 2, "rejected"}), {}, false);
+    pollfd incoming[2] = {{listening.fileDescriptor(), POLLIN, 0}, {report[0], POLLIN, 0}};
+    if (::poll(incoming, 2, 5000) > 0 && (incoming[0].revents & POLLIN) != 0) {
+      const LDFileHandle connection(::accept4(listening.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
+      playHelper(connection.fileDescriptor(), c.fault, child, ipv4, ipv6);
     }
     std::string text;
     char buffer[1024];
     for (ssize_t got; (got = ::read(report[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(got));
     ::close(report[0]);
     ::waitpid(child, nullptr, 0);
-    EXPECT_NE(text.find(expectedError), std::string::npos) << "the client said: " << text;
+    EXPECT_NE(text.find(c.expected), std::string::npos) << "the client said: " << text;
+    const int kind = c.expected == "acquired" ? 0 : static_cast<int>(c.failure);
+    const std::string gids = std::to_string(kind) + " gids 0 0 0";  // not "\n" + ...: g++ 12 -O3 -Wrestrict
+    EXPECT_NE(text.find('\n' + gids), std::string::npos) << text;
   }
+}
+
+// The C interface stores -1 in both places on failure and writes the message truncated to fit,
+// always NUL-terminated, and nothing at all into a buffer of size 0.
+TEST(Client, CInterfaceReportsFailuresInAnyBuffer) {
+  char full[4096];
+  int ipv4 = 7, ipv6 = 7;
+  const int code = ld_acquire_listeners("/nonexistent/helper.sock", &ipv4, &ipv6, full, sizeof full);
+  EXPECT_NE(code, LD_ACQUIRE_OK);
+  EXPECT_EQ(std::pair(ipv4, ipv6), std::pair(-1, -1));
+  ASSERT_GT(std::strlen(full), 16u) << full;
+  EXPECT_EQ(std::strchr(full, '\n'), nullptr) << "one line";
+  for (const size_t size : {size_t{0}, size_t{1}, size_t{16}}) {
+    char buffer[32];
+    std::memset(buffer, 'x', sizeof buffer);
+    EXPECT_EQ(ld_acquire_listeners("/nonexistent/helper.sock", &ipv4, &ipv6, buffer, size), code);
+    if (size == 0) {
+      EXPECT_EQ(buffer[0], 'x') << "nothing written";
+    } else {
+      EXPECT_EQ(std::string(buffer), std::string(full, size - 1));
+      EXPECT_EQ(buffer[size], 'x') << "nothing past the size";
+    }
+  }
+  EXPECT_EQ(ld_acquire_listeners(nullptr, &ipv4, &ipv6, nullptr, 0), code) << "no message wanted";
+  EXPECT_EQ(ld_acquire_listeners(nullptr, nullptr, &ipv6, full, sizeof full), LD_ACQUIRE_INVALID_ARGUMENT);
+}
+
+// Installed as the helper would refuse it, the demo names the one check it fails before it ever
+// connects; installed right, it passes all of them and goes on to look for the helper.
+TEST(Client, NamesTheAdmissionCheckItWouldFail) {
+  constexpr int kNobody = 65534;
+  ldtest::ProgramDirectory programs;
+  const std::string installed = programs.install(LD_DEMO, "installed");
+  const std::string plain = programs.install(LD_DEMO, "plain", false);
+  const std::string writable = programs.install(LD_DEMO, "writable");
+  ASSERT_EQ(::chmod(writable.c_str(), 02775), 0);
+  const std::string group = std::to_string(ldtest::applicationGroup());
+  const std::string nosuid = programs.file("nosuid"), fuse = programs.file("fuse");
+  ::mkdir(nosuid.c_str(), 0755);
+  ::mkdir(fuse.c_str(), 0755);
+  ASSERT_EQ(::mount("tmpfs", nosuid.c_str(), "tmpfs", MS_NOSUID, "mode=0755"), 0);
+  ldtest::writeFile(nosuid + "/app", ldtest::readFile(installed), 0755);
+  ASSERT_EQ(::chown((nosuid + "/app").c_str(), 0, ldtest::applicationGroup()), 0);
+  ASSERT_EQ(::chmod((nosuid + "/app").c_str(), 02755), 0);
+  ldtest::ChildProcess server = ldtest::ChildProcess::start(
+      {LD_LYING_FILE_SYSTEM, installed, group, programs.file("fuse.log"), fuse, "-f", "-o", "allow_other,suid"});
+  for (int i = 0; i < 100 && ::access((fuse + "/app").c_str(), X_OK) != 0; ++i) ::usleep(20000);
+
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{installed}, "There is no helper socket at "},
+      {{plain}, "This program must be installed set-group-ID to a group of its own"},
+      {{writable}, "must be a regular file owned by root and not writable by group or others"},
+      {{nosuid + "/app"}, "lies on a file system mounted nosuid"},
+      {{fuse + "/app"}, "lies on a fuse"},
+      {{"/usr/bin/setpriv", "--no-new-privs", installed}, "it was not started in secure-execution mode"},
+      {{"/usr/bin/unshare", "-Ur", installed}, "runs in a user namespace of its own"},
+      {{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--groups=" + group, installed},
+       "is a member of " + installed + "'s group"},
+  };
+  for (const auto& [prefix, expected] : cases) {
+    std::vector<std::string> argv = prefix;
+    argv.insert(argv.end(), {"--socket", programs.file("none.sock")});
+    const bool asRoot = prefix[0] == "/usr/bin/setpriv" && prefix[1] == "--reuid=65534";
+    const ldtest::ProcessResult result = ldtest::runProgram(argv, asRoot ? -1 : kNobody);
+    EXPECT_EQ(result.exitStatus, 1) << expected;
+    EXPECT_NE(result.standardError.find(expected), std::string::npos) << result.standardError;
+  }
+  ::umount2(fuse.c_str(), MNT_DETACH);
+  ::umount2(nosuid.c_str(), MNT_DETACH);
 }
 
 }  // namespace

@@ -26,10 +26,14 @@ using ldtest::ServiceHarness;
 
 // What one event answered: status and message of a reply (none for a timer), and whether a
 // request's reply carried the token and both handles.
+// A constructor, not an aggregate with default member initialisers: g++ 12 at -O2 and above
+// warns (maybe-uninitialized) on the string of such aggregates built in the table below.
 struct Answer {
-  std::optional<int64_t> status = std::nullopt;
-  std::string message = "(none)";
-  bool payload = false;
+  Answer(std::optional<int64_t> status_ = std::nullopt, std::string message_ = "(none)", bool payload_ = false)
+      : status(status_), message(std::move(message_)), payload(payload_) {}
+  std::optional<int64_t> status;
+  std::string message;
+  bool payload;
   bool operator==(const Answer&) const = default;
 };
 

@@ -2,7 +2,6 @@
 
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/auxv.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "client/self_admission.h"
 #include "platform/seqpacket.h"
 #include "platform/socket_activation.h"
 #include "platform/wire.h"
@@ -26,33 +26,29 @@ int64_t monotonicMilliseconds() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
-LDError problem(const std::string& text) { return LDEndpointError(text); }
+// How an acquisition failed: the kind for the C interface, and the error that explains it.
+struct Failure {
+  LDClientFailure kind;
+  LDError error;
+};
 
-std::string ownExecutable() {
-  char path[4096];
-  const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-  return length > 0 ? std::string(path, static_cast<size_t>(length)) : "/path/to/application";
-}
+Failure problem(LDClientFailure kind, const std::string& text) { return {kind, LDEndpointError(text)}; }
 
-// The helper admits only a process that runs set-group-ID to its executable's group: nothing else
-// of the same user can then trace it or take its descriptors. Said plainly, with the fix.
-std::optional<LDError> secureExecutionProblem() {
-  if (::getgid() != ::getegid() && ::getauxval(AT_SECURE) != 0) return std::nullopt;
-  const std::string executable = ownExecutable();
-  const std::string group = executable.substr(executable.rfind('/') + 1);
-  return problem("This program must be installed set-group-ID to a group of its own before it can "
-                 "receive the listeners (it runs with real gid " + std::to_string(::getgid()) +
-                 " = effective gid " + std::to_string(::getegid()) + "). As root: groupadd --system " +
-                 group + " && chown root:" + group + " " + executable + " && chmod 2755 " + executable +
-                 ". Give that group no members, and do not start the program under no-new-privileges, "
-                 "in a user namespace or a sandbox that cancels set-group-ID.");
-}
-
-// Back to the real gid in all three places: a toolkit that refuses to run set-group-ID can start.
+// Back to the real gid in all three places: a toolkit that refuses to run set-group-ID can start,
+// and a process that goes on after a failed request keeps no group it was not given.
 void giveUpApplicationGroup() {
   const gid_t real = ::getgid();
   (void)::setresgid(real, real, real);  // always permitted: real is one of our own gids
 }
+
+// The one owner of giving the group up: whatever way the acquisition ends, even by an exception
+// such as std::bad_alloc, the group is gone before LDAcquireListeners returns.
+struct ApplicationGroupGuard {
+  ApplicationGroupGuard() = default;
+  ApplicationGroupGuard(const ApplicationGroupGuard&) = delete;
+  ApplicationGroupGuard& operator=(const ApplicationGroupGuard&) = delete;
+  ~ApplicationGroupGuard() { giveUpApplicationGroup(); }
+};
 
 constexpr int kSoNetnsCookie = 71;  // Linux 5.14
 
@@ -72,7 +68,7 @@ bool validateListener(int fd, const LDListenerEndpoint& expected, std::optional<
   if (!LDLoopbackListeners::validateReceivedFileDescriptor(fd, expected, invalid)) return false;
   const std::optional<uint64_t> theirs = networkNamespaceCookie(fd);
   if (!theirs || theirs != ownNamespace) {
-    *invalid = problem("Received " + expected.description() + " belongs to another network namespace");
+    *invalid = LDEndpointError("Received " + expected.description() + " belongs to another network namespace");
     return false;
   }
   return true;
@@ -88,19 +84,34 @@ std::string tooManyFiles() {
 
 // One message from the helper within the deadline, with its descriptors owned.
 struct Received {
-  std::optional<LDMessage> message;
+  LDMessage message;
   std::vector<LDFileHandle> descriptors;
 };
 
-std::optional<Received> receive(int fd, int64_t deadline, const std::string& waitingFor,
-                                LDErrorPlace error) {
+// What the client waits for, as its messages name it.
+enum class Waiting { admission, listeners, acknowledgement };
+
+std::string describe(Waiting waiting) {
+  switch (waiting) {
+    case Waiting::admission:
+      return "waiting to be admitted";
+    case Waiting::listeners:
+      return "waiting for the listeners";
+    case Waiting::acknowledgement:
+      return "acknowledging the listeners";
+  }
+  return "";
+}
+
+std::optional<Received> receive(int fd, int64_t deadline, Waiting waiting, std::optional<Failure>* failed) {
+  const std::string waitingFor = describe(waiting);
   for (;;) {
     const int64_t left = deadline - monotonicMilliseconds();
     pollfd entry{fd, POLLIN, 0};
     const int ready = left <= 0 ? 0 : ::poll(&entry, 1, static_cast<int>(left));
     if (ready < 0 && errno == EINTR) continue;
     if (ready == 0) {
-      if (error) *error = problem("The helper did not answer in time while " + waitingFor + ".");
+      *failed = problem(LDClientFailure::timedOut, "The helper did not answer in time while " + waitingFor + ".");
       return std::nullopt;
     }
     LDReceivedPacket packet;
@@ -109,55 +120,58 @@ std::optional<Received> receive(int fd, int64_t deadline, const std::string& wai
       case LDReceiveResult::wouldBlock:
         continue;
       case LDReceiveResult::packet: {
-        Received received{LDDecodeMessage(packet.bytes, packet.descriptors.size()),
-                          std::move(packet.descriptors)};
-        if (!received.message) {
-          if (error) *error = problem("The helper sent a malformed message while " + waitingFor + ".");
+        std::optional<LDMessage> message = LDDecodeMessage(packet.bytes, packet.descriptors.size());
+        if (!message) {
+          *failed = problem(LDClientFailure::helperFailed,
+                            "The helper sent a malformed message while " + waitingFor + ".");
           return std::nullopt;
         }
-        return received;
+        return Received{std::move(*message), std::move(packet.descriptors)};
       }
       case LDReceiveResult::truncated:
-        if (error) *error = problem(tooManyFiles());
+        *failed = problem(LDClientFailure::systemError, tooManyFiles());
         return std::nullopt;
       default:
-        if (error) {
-          *error = problem("The helper closed the connection while " + waitingFor +
-                           ". It refuses programs that are not signed as " +
-                           std::string(LDAppSigningIdentifier) +
-                           " by the same team as the helper, not installed root-owned and "
-                           "set-group-ID to a group of their own, or not started as installed.");
-        }
+        // The self-check passed, so what is left is what a process cannot see of itself.
+        *failed = waiting == Waiting::admission
+                      ? problem(LDClientFailure::refused,
+                                "The helper closed the connection while " + waitingFor +
+                                    ". It refuses programs that are not signed as " +
+                                    std::string(LDAppSigningIdentifier) +
+                                    " by the same team as the helper, and programs that another process "
+                                    "of the same user could steer.")
+                      : problem(LDClientFailure::helperFailed, "The helper closed the connection while " +
+                                                                   waitingFor + ".");
         return std::nullopt;
     }
   }
 }
 
-bool sendMessage(int fd, const LDMessage& message, LDErrorPlace error) {
+bool sendMessage(int fd, const LDMessage& message, std::optional<Failure>* failed) {
   const int errorNumber = LDSendPacket(fd, LDEncodeMessage(message), {}, false);
   if (errorNumber != 0) {
-    if (error) *error = LDSystemCallError("sendmsg(helper)", errorNumber);
+    *failed = Failure{LDClientFailure::systemError, LDSystemCallError("sendmsg(helper)", errorNumber)};
     return false;
   }
   return true;
 }
 
-std::string adviceFor(int64_t status, const std::optional<std::string>& message, uint16_t port) {
+Failure refusal(int64_t status, const std::optional<std::string>& message, uint16_t port) {
   const std::string detail = message.value_or("no message");
   switch (status) {
     case 3:
-      return "The helper speaks another protocol version (" + detail +
-             "): install the helper that came with this application.";
+      return problem(LDClientFailure::helperFailed, "The helper speaks another protocol version (" + detail +
+                                                        "): install the helper that came with this application.");
     case 4:
-      return "Another program is taking the listeners from the helper right now (" + detail +
-             "): try again in a moment.";
+      return problem(LDClientFailure::busy, "Another program is taking the listeners from the helper right now (" +
+                                                detail + "): try again in a moment.");
     case 8:
-      return "Port " + std::to_string(port) +
-             " on 127.0.0.1 or ::1 is already in use by another program (" + detail +
-             "): stop that program and try again.";
+      return problem(LDClientFailure::portInUse, "Port " + std::to_string(port) +
+                                                     " on 127.0.0.1 or ::1 is already in use by another program (" +
+                                                     detail + "): stop that program and try again.");
     default:
-      return "The helper could not create the listeners (status " + std::to_string(status) +
-             ": " + detail + ").";
+      return problem(LDClientFailure::helperFailed, "The helper could not create the listeners (status " +
+                                                        std::to_string(status) + ": " + detail + ").");
   }
 }
 
@@ -172,78 +186,76 @@ std::string howToStartTheHelper(const std::string& path) {
          "run as root: " + byHand + ".";
 }
 
-}  // namespace
-
-std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options,
-                                                      LDErrorPlace error) {
-  if (options.requireSecureExecution) {
-    if (std::optional<LDError> refused = secureExecutionProblem()) {
-      if (error) *error = std::move(*refused);
-      return std::nullopt;
-    }
-  }
-  const std::string path = options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath;
+LDFileHandle connectToHelper(const std::string& path, std::optional<Failure>* failed) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
-    if (error) *error = problem("The helper's socket path is too long: " + path);
-    return std::nullopt;
+    *failed = problem(LDClientFailure::noHelper, "The helper's socket path is too long: " + path);
+    return LDFileHandle();
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!socket.isValid()) {
-    if (error) *error = LDSystemCallError("socket(AF_UNIX)", errno);
-    return std::nullopt;
+    *failed = Failure{LDClientFailure::systemError, LDSystemCallError("socket(AF_UNIX)", errno)};
+    return socket;
   }
-  if (::connect(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    const int errorNumber = errno;
-    if (error) {
-      if (errorNumber == ENOENT) {
-        *error = problem("There is no helper socket at " + path + ": " + howToStartTheHelper(path));
-      } else if (errorNumber == ECONNREFUSED) {
-        *error = problem("Nothing is listening at " + path +
-                         " (a socket file left behind by a stopped listener): " + howToStartTheHelper(path));
-      } else if (errorNumber == EACCES) {
-        *error = problem("This user may not connect to " + path + " (permission denied).");
-      } else {
-        *error = LDSystemCallError("connect(" + path + ")", errorNumber);
-      }
-    }
-    return std::nullopt;
+  if (::connect(socket.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return socket;
+  const int errorNumber = errno;
+  if (errorNumber == ENOENT) {
+    *failed = problem(LDClientFailure::noHelper, "There is no helper socket at " + path + ": " + howToStartTheHelper(path));
+  } else if (errorNumber == ECONNREFUSED) {
+    *failed = problem(LDClientFailure::noHelper, "Nothing is listening at " + path +
+                                                     " (a socket file left behind by a stopped listener): " +
+                                                     howToStartTheHelper(path));
+  } else if (errorNumber == EACCES) {
+    *failed = problem(LDClientFailure::noHelper, "This user may not connect to " + path + " (permission denied).");
+  } else {
+    *failed = Failure{LDClientFailure::systemError, LDSystemCallError("connect(" + path + ")", errorNumber)};
   }
+  return LDFileHandle();
+}
 
-  const auto activation = static_cast<int64_t>(std::ceil(options.activationTimeout * 1000));
-  const int64_t helloDeadline = monotonicMilliseconds() + activation;
-  std::optional<Received> hello = receive(socket.fileDescriptor(), helloDeadline, "waiting to be admitted", error);
+int64_t deadlineAfter(double seconds) { return monotonicMilliseconds() + static_cast<int64_t>(std::ceil(seconds * 1000)); }
+
+// The listeners and the token that the helper handed over for them.
+struct Handoff {
+  std::string token;
+  LDAcquiredListeners listeners;
+};
+
+// Hello, then the request and its reply with both listeners.
+std::optional<Handoff> requestListeners(int fd, const LDClientOptions& options, std::optional<Failure>* failed) {
+  std::optional<Received> hello = receive(fd, deadlineAfter(options.activationTimeout), Waiting::admission, failed);
   if (!hello) return std::nullopt;
-  if (!std::holds_alternative<LDHelloMessage>(*hello->message)) {
-    if (error) *error = problem("The helper did not greet this program as expected.");
+  if (!std::holds_alternative<LDHelloMessage>(hello->message)) {
+    *failed = problem(LDClientFailure::helperFailed, "The helper did not greet this program as expected.");
     return std::nullopt;
   }
-
-  if (!sendMessage(socket.fileDescriptor(), LDRequestMessage{LDListenerProtocolVersion}, error)) {
-    return std::nullopt;
-  }
-  std::optional<Received> answer = receive(socket.fileDescriptor(), monotonicMilliseconds() + activation,
-                                           "waiting for the listeners", error);
+  if (!sendMessage(fd, LDRequestMessage{LDListenerProtocolVersion}, failed)) return std::nullopt;
+  std::optional<Received> answer = receive(fd, deadlineAfter(options.activationTimeout), Waiting::listeners, failed);
   if (!answer) return std::nullopt;
-  const auto* reply = std::get_if<LDRequestReplyMessage>(&*answer->message);
+  const auto* reply = std::get_if<LDRequestReplyMessage>(&answer->message);
   if (reply == nullptr) {
-    if (error) *error = problem("The helper answered the request with the wrong message.");
+    *failed = problem(LDClientFailure::helperFailed, "The helper answered the request with the wrong message.");
     return std::nullopt;
   }
   if (reply->status != 0) {
-    if (error) *error = problem(adviceFor(reply->status, reply->message, options.port));
+    *failed = refusal(reply->status, reply->message, options.port);
     return std::nullopt;
   }
   if (reply->handles != (LDWireHandleIPv4 | LDWireHandleIPv6) || !reply->token) {
-    if (error) *error = problem("The helper's reply lacks a listener or the token.");
+    *failed = problem(LDClientFailure::helperFailed, "The helper's reply lacks a listener or the token.");
     return std::nullopt;
   }
+  return Handoff{*reply->token, {std::move(answer->descriptors[0]), std::move(answer->descriptors[1])}};
+}
 
-  LDAcquiredListeners listeners{std::move(answer->descriptors[0]), std::move(answer->descriptors[1])};
+// Checks both listeners, tells the helper whether they are accepted, and waits for its answer.
+std::optional<LDAcquiredListeners> acknowledge(int fd, const LDClientOptions& options, Handoff handoff,
+                                               std::optional<Failure>* failed) {
+  LDAcquiredListeners& listeners = handoff.listeners;
   std::optional<LDError> invalid;
-  const std::optional<uint64_t> own = networkNamespaceCookie(socket.fileDescriptor());
+  const std::optional<uint64_t> own = networkNamespaceCookie(fd);
   const bool accepted =
       validateListener(listeners.ipv4.fileDescriptor(), LDListenerEndpoint(AF_INET, "127.0.0.1", options.port), own,
                        &invalid) &&
@@ -254,26 +266,50 @@ std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& opt
     listeners.ipv4.reset();
     listeners.ipv6.reset();
   }
-  if (!sendMessage(socket.fileDescriptor(),
-                   LDCompleteMessage{LDListenerProtocolVersion, reply->token, accepted}, error)) {
+  if (!sendMessage(fd, LDCompleteMessage{LDListenerProtocolVersion, handoff.token, accepted}, failed)) {
     return std::nullopt;
   }
-  const auto acknowledgement = static_cast<int64_t>(std::ceil(options.acknowledgementReplyTimeout * 1000));
-  std::optional<Received> completed = receive(socket.fileDescriptor(), monotonicMilliseconds() + acknowledgement,
-                                              "acknowledging the listeners", error);
+  std::optional<Received> completed =
+      receive(fd, deadlineAfter(options.acknowledgementReplyTimeout), Waiting::acknowledgement, failed);
   if (!completed) return std::nullopt;
-  if (options.requireSecureExecution) giveUpApplicationGroup();
   if (!accepted) {
-    if (error) *error = problem("The listeners from the helper failed their checks: " + invalid->description());
+    *failed = problem(LDClientFailure::invalidListeners,
+                      "The listeners from the helper failed their checks: " + invalid->description());
     return std::nullopt;
   }
-  const auto* done = std::get_if<LDCompleteReplyMessage>(&*completed->message);
+  const auto* done = std::get_if<LDCompleteReplyMessage>(&completed->message);
   if (done == nullptr || done->status != 1) {
-    if (error) {
-      *error = problem("The helper did not accept the acknowledgement (" +
-                       (done ? done->message.value_or("no message") : std::string("wrong message")) + ").");
-    }
+    *failed = problem(LDClientFailure::helperFailed,
+                      "The helper did not accept the acknowledgement (" +
+                          (done ? done->message.value_or("no message") : std::string("wrong message")) + ").");
     return std::nullopt;
+  }
+  return std::move(listeners);
+}
+
+std::optional<LDAcquiredListeners> acquire(const LDClientOptions& options, std::optional<Failure>* failed) {
+  if (std::optional<std::string> refused = LDSelfAdmissionProblem(options.requireSecureExecution)) {
+    *failed = problem(LDClientFailure::notAdmissible, *refused);
+    return std::nullopt;
+  }
+  const LDFileHandle socket =
+      connectToHelper(options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath, failed);
+  if (!socket.isValid()) return std::nullopt;
+  std::optional<Handoff> handoff = requestListeners(socket.fileDescriptor(), options, failed);
+  if (!handoff) return std::nullopt;
+  return acknowledge(socket.fileDescriptor(), options, std::move(*handoff), failed);
+}
+
+}  // namespace
+
+std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options, LDErrorPlace error,
+                                                      LDClientFailure* failure) {
+  const ApplicationGroupGuard giveUpTheGroupOnReturn;
+  std::optional<Failure> failed;
+  std::optional<LDAcquiredListeners> listeners = acquire(options, &failed);
+  if (!listeners) {
+    if (error) *error = std::move(failed->error);
+    if (failure) *failure = failed->kind;
   }
   return listeners;
 }

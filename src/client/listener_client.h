@@ -23,13 +23,29 @@ struct LDAcquiredListeners {
   LDFileHandle ipv6;  // listening on [::1]:port, IPv6-only, close-on-exec
 };
 
+// What kind of failure ended an acquisition. The numbers are those of the C interface
+// (<quillfern/local_domain_listener.h>), which documents them.
+enum class LDClientFailure {
+  notAdmissible = 2,  // this process would fail the helper's admission checks
+  noHelper = 3,
+  refused = 4,        // the helper closed the connection before admitting this process
+  timedOut = 5,
+  busy = 6,
+  portInUse = 7,
+  helperFailed = 8,
+  invalidListeners = 9,
+  systemError = 10,
+};
+
 // Asks the helper for the listener pair, validates both descriptors and acknowledges. On failure
-// returns nothing and one error whose description says what happened and what to do. Nothing is
-// left open on any failure.
+// returns nothing, one error whose description says what happened and what to do, and its kind
+// in *failure when that is given. Nothing is left open on any failure.
 //
 // An application installed set-group-ID (the default build requires it) must call this before it
 // starts any toolkit or loads any plugin: once the helper has answered the acknowledgement, this
-// gives the group up for good (real gid as effective and saved gid). The kernel keeps the process
-// non-dumpable, so other processes of the user still cannot take the listeners from it.
+// gives the group up for good (real gid as effective and saved gid), and on every failure it does
+// the same before it returns. The kernel keeps the process non-dumpable, so other processes of
+// the user still cannot take the listeners from it.
 std::optional<LDAcquiredListeners> LDAcquireListeners(const LDClientOptions& options = {},
-                                                      LDErrorPlace error = nullptr);
+                                                      LDErrorPlace error = nullptr,
+                                                      LDClientFailure* failure = nullptr);

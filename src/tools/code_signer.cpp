@@ -86,14 +86,22 @@ std::optional<LDSigningIdentity> LDLoadSigningIdentity(const std::string& keyPat
                                                        const std::string& certificatePath,
                                                        const std::string& chainPath,
                                                        std::string* error) {
-  LDSigningIdentity identity;
   const std::optional<std::string> keyText = readText(keyPath, error);
   if (!keyText) return std::nullopt;
-  identity.key.reset(PEM_read_bio_PrivateKey(memoryOf(*keyText).get(), nullptr, nullptr, nullptr));
-  if (!identity.key) {
+  ldssl::Key key(PEM_read_bio_PrivateKey(memoryOf(*keyText).get(), nullptr, nullptr, nullptr));
+  if (!key) {
     *error = keyPath + " holds no private key in PEM form (an encrypted key is not supported)";
     return std::nullopt;
   }
+  return LDLoadSigningIdentityWithKey(std::move(key), keyPath, certificatePath, chainPath, error);
+}
+
+std::optional<LDSigningIdentity> LDLoadSigningIdentityWithKey(ldssl::Key key, const std::string& keyName,
+                                                              const std::string& certificatePath,
+                                                              const std::string& chainPath,
+                                                              std::string* error) {
+  LDSigningIdentity identity;
+  identity.key = std::move(key);
   const std::optional<std::string> certificateText = readText(certificatePath, error);
   if (!certificateText) return std::nullopt;
   identity.leaf.reset(PEM_read_bio_X509(memoryOf(*certificateText).get(), nullptr, nullptr, nullptr));
@@ -102,7 +110,7 @@ std::optional<LDSigningIdentity> LDLoadSigningIdentity(const std::string& keyPat
     return std::nullopt;
   }
   if (X509_check_private_key(identity.leaf.get(), identity.key.get()) != 1) {
-    *error = keyPath + " is not the key of the certificate in " + certificatePath;
+    *error = keyName + " is not the key of the certificate in " + certificatePath;
     return std::nullopt;
   }
   const std::optional<std::string> team = LDSingleOrganizationalUnitOf(identity.leaf.get());

@@ -33,6 +33,13 @@ std::optional<std::string> LDMakeSignatureBlob(const std::string& manifestText,
                                                const LDSigningIdentity& identity,
                                                std::string* error);
 
+// The same with a key already loaded (from a token: tools/token_key.h); keyName names it in
+// messages.
+std::optional<LDSigningIdentity> LDLoadSigningIdentityWithKey(ldssl::Key key, const std::string& keyName,
+                                                              const std::string& certificatePath,
+                                                              const std::string& chainPath,
+                                                              std::string* error);
+
 // Signs path in place as identifier: an existing signature is replaced, the file's mode (and,
 // where permitted, its owner) is kept, and the file is swapped in atomically. One line in *error
 // on failure, with the file unchanged.

@@ -16,11 +16,14 @@
 #include "shared/printable.h"
 #include "signing/code_signing.h"
 #include "tools/code_signer.h"
+#include "tools/token_key.h"
 
 namespace {
 
 constexpr const char* kUsage =
     "usage: ld-codesign sign --identifier ID --key KEY.pem --cert LEAF.pem [--chain CHAIN.pem] FILE\n"
+    "       ld-codesign sign --identifier ID --key pkcs11:URI --pkcs11-module MODULE.so --cert LEAF.pem\n"
+    "                        [--chain CHAIN.pem] FILE\n"
     "       ld-codesign verify --requirement TEXT [--anchor ROOT.pem] FILE\n"
     "       ld-codesign display FILE\n";
 
@@ -88,9 +91,19 @@ int sign(const Arguments& arguments) {
   const std::string* certificate = arguments.option("--cert");
   if (!identifier || !key || !certificate) return usageError("sign needs --identifier, --key and --cert");
   const std::string* chain = arguments.option("--chain");
+  const std::string* module = arguments.option("--pkcs11-module");
+  if (LDIsTokenKeyURI(*key) != (module != nullptr)) {
+    return usageError("a pkcs11: URI in --key and --pkcs11-module go together");
+  }
   std::string error;
-  const std::optional<LDSigningIdentity> identity =
-      LDLoadSigningIdentity(*key, *certificate, chain ? *chain : "", &error);
+  std::optional<LDSigningIdentity> identity;
+  if (module) {
+    ldssl::Key tokenKey = LDLoadTokenKey(*key, *module, &error);
+    if (!tokenKey) return failure(error);
+    identity = LDLoadSigningIdentityWithKey(std::move(tokenKey), *key, *certificate, chain ? *chain : "", &error);
+  } else {
+    identity = LDLoadSigningIdentity(*key, *certificate, chain ? *chain : "", &error);
+  }
   if (!identity) return failure(error);
   if (!LDSignFile(arguments.files[0], *identifier, *identity, &error)) return failure(error);
   printLine(std::cout, arguments.files[0] + ": signed as " + *identifier + " (team " + identity->team + ")");
@@ -162,7 +175,7 @@ int main(int argc, char** argv) {
   const std::string command = argv[1];
   std::string problem;
   if (command == "sign") {
-    const auto arguments = parse(argc, argv, {"--identifier", "--key", "--cert", "--chain"}, &problem);
+    const auto arguments = parse(argc, argv, {"--identifier", "--key", "--cert", "--chain", "--pkcs11-module"}, &problem);
     return arguments ? sign(*arguments) : usageError(problem);
   }
   if (command == "verify") {

@@ -1,0 +1,3 @@
+module example.invalid/hello-go
+
+go 1.19
