@@ -1,7 +1,7 @@
 // How long a legitimate client waits for its transfer while hostile peers keep the helper's
 // admission as busy as they can, as root in a private network namespace.
 //
-//   hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE]]]
+//   hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE [STALLED STALL_FILE_SYSTEM]]]]
 //
 // CLIENT is the signed transfer_client installed set-group-ID, as an application is. Each hostile
 // peer runs that very client, the one program a keyless user can get admitted that far, again
@@ -12,18 +12,28 @@
 // With NICE, the hostile peers' own processes run at that nice value: on 2 cores, 20 processes
 // that fork and exec as fast as they can slow everything down, helper or not; niced, what is
 // left of the delay is what the helper's admission of them costs the legitimate client.
+// With STALLED, that many more peers (at the same nice value) are each kept frozen inside an exec
+// while connected: they connect with a file open close-on-exec on STALL_FILE_SYSTEM, mounted in
+// WORKDIR, whose FLUSH holds them for 2 s, far past the helper's inspection deadline, and are
+// replaced as soon as the helper drops them.
 
 #include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <poll.h>
+#include <sys/mount.h>
 #include <sys/time.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -64,6 +74,65 @@ pid_t startHostilePeer(const std::string& client, const std::string& socket, int
   }
 }
 
+void sendDescriptor(int channel, int fd) {
+  char space[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_control = space;
+  message.msg_controllen = sizeof space;
+  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int));
+  std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
+  (void)::sendmsg(channel, &message, 0);
+}
+
+int receiveDescriptor(int channel) {
+  char space[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_control = space;
+  message.msg_controllen = sizeof space;
+  if (::recvmsg(channel, &message, MSG_CMSG_CLOEXEC) < 0 || CMSG_FIRSTHDR(&message) == nullptr) return -1;
+  int fd = -1;
+  std::memcpy(&fd, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof fd);
+  return fd;
+}
+
+// Keeps one peer frozen inside an exec and connected, until killed. The peer opens the stalling
+// file before its socket, so the exec flushes the file (and stops) before it would close the
+// socket; it hands a copy of its end over, by which the keeper sees the helper drop it.
+pid_t startStalledPeer(const std::string& stallFile, const std::string& socket, int nice) {
+  const pid_t keeper = ::fork();
+  if (keeper != 0) return keeper;
+  ::setpriority(PRIO_PROCESS, 0, nice);
+  becomeNobody();
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
+  for (int frozen = 0;;) {
+    int channel[2];
+    if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, channel) != 0) ::_exit(1);
+    const pid_t peer = ::fork();
+    if (peer == 0) {
+      const int held = ::open(stallFile.c_str(), O_RDONLY | O_CLOEXEC);
+      const int connection = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+      if (held < 0 || ::connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::_exit(1);
+      sendDescriptor(channel[1], connection);
+      ::execl("/bin/true", "true", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    ::close(channel[1]);
+    const int connection = receiveDescriptor(channel[0]);
+    ::close(channel[0]);
+    pollfd dropped{connection, POLLRDHUP, 0};
+    while (connection >= 0 && ::poll(&dropped, 1, -1) < 0 && errno == EINTR) {
+    }
+    if (connection >= 0) ::close(connection);
+    // Each stays frozen for the file system's hold; at most four per keeper at a time.
+    for (++frozen; ::waitpid(-1, nullptr, frozen >= 4 ? 0 : WNOHANG) > 0;) --frozen;
+  }
+}
+
 // One legitimate transfer, in ms from the client's connect to its exit; the helper that served
 // it is reaped and a fresh one started.
 double legitimateTransfer(const std::string& client, const std::string& socket, const std::string& helper,
@@ -100,12 +169,28 @@ void report(const char* what, std::vector<double> values) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 4) die("usage: hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE]]");
+  if (argc < 4 || argc == 8) {
+    die("usage: hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE [STALLED STALL_FILE_SYSTEM]]]]");
+  }
   const std::string helper = argv[1], client = argv[2], socket = std::string(argv[3]) + "/hostile.sock";
   const int rounds = argc > 4 ? std::atoi(argv[4]) : 200;
   const int hostile = argc > 5 ? std::atoi(argv[5]) : 20;
   const int nice = argc > 6 ? std::atoi(argv[6]) : 0;
+  const int stalled = argc > 7 ? std::atoi(argv[7]) : 0;
   ldbench::bringLoopbackUp();
+  const std::string stallMount = std::string(argv[3]) + "/stall";
+  pid_t stallServer = -1;
+  if (stalled > 0) {
+    ::mkdir(stallMount.c_str(), 0755);
+    stallServer = ::fork();
+    if (stallServer == 0) {
+      ::dup2(::open("/dev/null", O_WRONLY), 2);  // libfuse 3.14 warns of a thread limit it never set
+      ::execl(argv[8], argv[8], stallMount.c_str(), "2000", static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+    for (int i = 0; i < 200 && ::access((stallMount + "/stall").c_str(), F_OK) != 0; ++i) ::usleep(10'000);
+    if (::access((stallMount + "/stall").c_str(), F_OK) != 0) die("the stalling file system did not come up");
+  }
   // As deep as systemd's default backlog, so the flood queues rather than blocks.
   LDFileHandle listening = ldbench::listenAt(socket, SOMAXCONN);
   pid_t helperPid = ldbench::activateHelper(helper, listening.fileDescriptor(), false);
@@ -115,14 +200,21 @@ int main(int argc, char** argv) {
   }
   std::vector<pid_t> peers;
   for (int i = 0; i < hostile; ++i) peers.push_back(startHostilePeer(client, socket, nice));
+  for (int i = 0; i < stalled; ++i) peers.push_back(startStalledPeer(stallMount + "/stall", socket, nice));
   ::usleep(500'000);  // let the flood build up
   for (int i = 0; i < rounds; ++i) {
     underAttack.push_back(legitimateTransfer(client, socket, helper, listening.fileDescriptor(), &helperPid));
   }
   for (const pid_t peer : peers) ::kill(peer, SIGKILL);
   ::kill(helperPid, SIGKILL);
+  if (stallServer > 0) {  // the frozen execs go on once their file system is gone
+    ::umount2(stallMount.c_str(), MNT_DETACH);
+    ::kill(stallServer, SIGKILL);
+  }
   report("legitimate transfer, quiet", quiet);
-  report(("legitimate transfer, " + std::to_string(hostile) + " hostile peers, nice " + std::to_string(nice)).c_str(),
+  const std::string stalledPeers = stalled > 0 ? " + " + std::to_string(stalled) + " stalled" : "";
+  report(("legitimate transfer, " + std::to_string(hostile) + stalledPeers + " hostile peers, nice " +
+          std::to_string(nice)).c_str(),
          underAttack);
   return 0;
 }
