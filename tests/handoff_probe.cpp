@@ -22,6 +22,8 @@
 //   handoff_probe pause -                                   say "waiting", wait to be killed
 //   handoff_probe stall-exec PATH FILE PROGRAM              connect with FILE open close-on-exec,
 //                                                           say "stalling PID FD", exec PROGRAM
+//   handoff_probe stall-after-hello PATH FILE PROGRAM       as stall-exec, but greeted first, then
+//                                                           wait for "go" on stdin, request, exec
 //   handoff_probe inherited-ask FD                          request on an inherited socket, report
 //   handoff_probe http-server PORT                          serve "backend" on 127.0.0.1:PORT
 //   handoff_probe steal PID                                 try to take PID's descriptors
@@ -181,7 +183,7 @@ int main(int argc, char** argv) {
     }
   }
   if (mode.ends_with("-first") && !dropGroup(mode)) return 1;
-  const int held = mode == "stall-exec" ? ::open(extra, O_RDONLY | O_CLOEXEC) : -1;
+  const int held = mode.starts_with("stall-") ? ::open(extra, O_RDONLY | O_CLOEXEC) : -1;
   const int fd = connectTo(argv[2]);
   if (mode == "stall-exec") {
     say(held < 0 ? "cannot open" : "stalling " + std::to_string(::getpid()) + " " + std::to_string(held));
@@ -210,6 +212,14 @@ int main(int argc, char** argv) {
   say(greeting);
   if (greeting != "hello" || mode == "greet" || mode == "many-descriptors" || mode.ends_with("-first")) return 0;
   if (mode == "exec-after-hello") return execWithSocket(fd, extra, "inherited-ask");
+  if (mode == "stall-after-hello") {
+    say(held < 0 ? "cannot open" : "stalling " + std::to_string(::getpid()) + " " + std::to_string(held));
+    std::string go;
+    std::getline(std::cin, go);
+    sendMessage(fd, LDRequestMessage{1});
+    ::execl(argv[4], argv[4], static_cast<char*>(nullptr));
+    return 127;
+  }
   if (mode == "after-hello-garbage") (void)::send(fd, "QLD1\x09\x00", 6, MSG_NOSIGNAL);
   if (mode == "forked-sender") {
     const pid_t child = ::fork();

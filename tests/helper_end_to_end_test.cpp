@@ -265,7 +265,7 @@ TEST_F(HelperEndToEnd, PeersFrozenInsideAnExecHoldNobodyUp) {
   const std::string unsignedProbe = programs.install(LD_PROBE, "unsigned", false), mount = programs.file("stall");
   ASSERT_EQ(::mkdir(mount.c_str(), 0755) | ::chown(mount.c_str(), kNobody, kNobody), 0);
   ChildProcess server = ChildProcess::start(
-      {LD_LYING_FILE_SYSTEM, probe, "0", "/dev/null", mount, "-f", "-o", "max_threads=64"}, kNobody);
+      {LD_LYING_FILE_SYSTEM, probe, "0", "/dev/null", mount, "-f", "-o", "max_threads=100"}, kNobody);
   for (int i = 0; i < 100 && ldtest::readFile("/proc/self/mountinfo").find(mount + " ") == std::string::npos; ++i) {
     ::usleep(20000);
   }
@@ -290,6 +290,23 @@ TEST_F(HelperEndToEnd, PeersFrozenInsideAnExecHoldNobodyUp) {
     EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(3)) << helperPath;
     EXPECT_EQ(helper.wait(5000), 0) << helperPath << " ends by itself after the transfer";
   }
+  // Frozen right after it asked, an admitted peer holds up the check of that message: the helper
+  // ends itself at that check's deadline, so that systemd can start a fresh one. (Only in
+  // signature-only admission: FUSE serves a set-group-ID process only on an allow_other mount,
+  // which a user cannot make.)
+  const std::string plainProbe = installSignedProbe("plain", false);
+  ChildProcess helper = startHelper(LD_HELPER_SIGNATURE_ONLY, socket);
+  ChildProcess peer = ChildProcess::start({plainProbe, "stall-after-hello", socket, mount + "/stall", plainProbe}, kNobody);
+  ASSERT_EQ(peer.readLine(5000), "hello");
+  std::istringstream line(peer.readLine(5000));
+  std::string word, pid, fd;
+  ASSERT_TRUE(line >> word >> pid >> fd && word == "stalling");
+  ::kill(helper.pid(), SIGSTOP);  // reads the request only once the peer is frozen
+  peer.writeLine("go");
+  const std::string held = "/proc/" + pid + "/fdinfo/" + fd;
+  for (int wait = 0; wait < 100 && ::access(held.c_str(), F_OK) == 0; ++wait) ::usleep(10000);
+  ::kill(helper.pid(), SIGCONT);
+  EXPECT_EQ(helper.wait(5000), 128 + SIGALRM);
   ::kill(server.pid(), SIGKILL);  // the frozen execs go on, into a program that exits at once
 }
 

@@ -1,6 +1,7 @@
 #include "helper/helper_connection.h"
 
 #include <sys/epoll.h>
+#include <sys/time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +12,18 @@ namespace {
 
 // A client makes one request and one completion; anything beyond a few calls is not a client.
 constexpr int kMaximumCalls = 4;
+
+// Reads of a process frozen inside an exec (its exe link among them) wait on its exec lock, and
+// only a fatal signal ends that wait; a keyless user can freeze an admitted peer so right after
+// it sent a message (with a file open close-on-exec on a FUSE file system of their own). Should
+// the check of a message outlast its deadline, SIGALRM, at its default action (main sees to it),
+// ends the helper, and systemd starts a fresh one for the next connection.
+void armAlarm(int64_t nanoseconds) {
+  itimerval deadline{};
+  deadline.it_value.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
+  deadline.it_value.tv_usec = static_cast<suseconds_t>(nanoseconds % 1'000'000'000 / 1000);
+  (void)::setitimer(ITIMER_REAL, &deadline, nullptr);
+}
 
 }  // namespace
 
@@ -86,7 +99,10 @@ void LDHelperConnection::readMessages() {
       return;
     }
     std::string reason;
-    if (!packet.credentials || !LDPeerIsStillAdmitted(_peer, packet.credentials->pid, &reason)) {
+    armAlarm(_messageCheckDeadline);
+    const bool stillAdmitted = packet.credentials && LDPeerIsStillAdmitted(_peer, packet.credentials->pid, &reason);
+    armAlarm(0);
+    if (!stillAdmitted) {
       invalidate(reason.empty() ? "a message without sender credentials" : reason);
       return;
     }

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +20,7 @@
 
 namespace {
 
-// A test build may shorten the two time-outs; the shipped helper uses the shared constants.
+// A test build may shorten the time-outs; the shipped helper uses the shared constants.
 #ifdef LD_TEST_ACKNOWLEDGEMENT_TIMEOUT
 constexpr double kAcknowledgementTimeout = LD_TEST_ACKNOWLEDGEMENT_TIMEOUT;
 constexpr double kReplyBarrierFallbackTimeout = LD_TEST_REPLY_BARRIER_FALLBACK_TIMEOUT;
@@ -66,6 +67,12 @@ std::string systemCallFailure(const char* call, int errorNumber) {
 }  // namespace
 
 int main() {
+  // The deadline on a message's check is SIGALRM's default action: whatever was inherited, it ends us.
+  std::signal(SIGALRM, SIG_DFL);
+  sigset_t alarm;
+  sigemptyset(&alarm);
+  sigaddset(&alarm, SIGALRM);
+  sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
   if (::geteuid() != 0) {
     std::fputs(kMustRunAsRoot, stderr);
     return 1;
@@ -102,6 +109,11 @@ int main() {
   listener.setAdmissionPolicy(admissionPolicy());
   listener.setDelegate(&delegate);
   listener.setTerminate([](int status) { std::exit(status); });
+#ifdef LD_TEST_MESSAGE_CHECK_DEADLINE
+  LDServiceListener::Timing timing;
+  timing.messageCheck = LD_TEST_MESSAGE_CHECK_DEADLINE;
+  listener.setTiming(timing);
+#endif
   if (!listener.activate(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("epoll_ctl", errorNumber));
   // The loop ends only through a terminate callback; a loop that cannot wait serves no one.
   if (!runLoop.run(&errorNumber)) return fail(systemCallFailure("epoll_wait", errorNumber));

@@ -124,6 +124,7 @@ void LDServiceListener::admitted(uint64_t serial, LDAdmittedPeer peer, LDFileHan
   auto connection = std::make_unique<LDHelperConnection>(
       std::move(socket), std::move(peer), _runLoop,
       [this, serial](LDHelperConnection&, const std::string&) { closed(serial); });
+  connection->setMessageCheckDeadline(_timing.messageCheck);
   LDHelperConnection& admittedConnection = *connection;
   _connections.emplace(serial, std::move(connection));
   _runLoop.runAt(LDRunLoop::now() + kConnectionLifetimeNanoseconds, [this, serial] {

@@ -49,6 +49,8 @@ class LDServiceListener {
     int64_t killedWorker = 1'000'000'000;
     // How long accepting rests after the helper ran out of descriptors.
     int64_t acceptRetry = 100'000'000;
+    // The check of an admitted peer's message (see LDHelperConnection).
+    int64_t messageCheck = 2'000'000'000;
   };
 
   // The examination of one peer, run in its worker. The default is LDExaminePeer with the
