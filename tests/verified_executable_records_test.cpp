@@ -115,7 +115,13 @@ TEST(VerifiedExecutableRecords, StandInOnlyForTheSameVersionVerifiedTheSameWay) 
        [](World& w) { ASSERT_EQ(::mount("tmpfs", w.records.c_str(), "tmpfs", MS_RDONLY, "mode=0700"), 0); }, {}, 0,
        false, 0},
       {"a file a user owns", [](World& w) { ASSERT_EQ(::chown(w.app.c_str(), 65534, 65534), 0); }, {}, 0, false, 0},
-      {"a file changed just now", [](World& w) { w.settling = kHour; }, {}, 0, false, 0},
+      {"a file changed just now, its modification time set back",
+       [](World& w) {
+         w.settling = kHour;
+         const timespec longAgo[2] = {{1000, 0}, {1000, 0}};
+         ASSERT_EQ(::utimensat(AT_FDCWD, w.app.c_str(), longAgo, 0), 0);
+       },
+       {}, 0, false, 0},
       {"a full directory", [](World& w) { plantOldRecords(w, LDVerifiedExecutableRecords::kMaximumRecords); }, {}, 0,
        true, LDVerifiedExecutableRecords::kMaximumRecords},
   };

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -114,7 +115,13 @@ int64_t realTimeNow() {
   return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
-int64_t nanosecondsOf(const LDFileTime& time) { return time.seconds * 1'000'000'000 + time.nanoseconds; }
+// Whether a file time lies at or before limit, in nanoseconds since the epoch, whatever time root
+// gave the file (too far off to count in nanoseconds, too).
+bool atOrBefore(const LDFileTime& time, int64_t limit) {
+  const int64_t limitSeconds = limit / 1'000'000'000;
+  if (time.seconds != limitSeconds) return time.seconds < limitSeconds;
+  return time.nanoseconds <= limit % 1'000'000'000;
+}
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
 
@@ -172,7 +179,8 @@ bool LDVerifiedExecutableRecords::holds(const LDFileVersion& version) const {
 // such entries "racily clean"). So a file is recorded only once its times lie further back than
 // any file system's granularity.
 bool LDVerifiedExecutableRecords::settled(const LDFileVersion& version) const {
-  return realTimeNow() - std::max(nanosecondsOf(version.modified), nanosecondsOf(version.changed)) >= _settling;
+  const int64_t limit = realTimeNow() - _settling;
+  return atOrBefore(version.modified, limit) && atOrBefore(version.changed, limit);
 }
 
 // Keeps fewer than kMaximumRecords records by removing the oldest. False, and nothing is to be
@@ -190,16 +198,16 @@ bool LDVerifiedExecutableRecords::makeRoom() const {
     if (isRecordName(entry->d_name)) names.emplace_back(entry->d_name);
   }
   if (names.size() < kMaximumRecords) return true;
-  std::vector<std::pair<int64_t, std::string>> byAge;
+  std::vector<std::tuple<int64_t, uint32_t, std::string>> byAge;
   for (std::string& name : names) {
     struct statx status {};
     if (::statx(directory, name.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC, STATX_MTIME, &status) == 0) {
-      byAge.emplace_back(nanosecondsOf(fileTime(status.stx_mtime)), std::move(name));
+      byAge.emplace_back(status.stx_mtime.tv_sec, status.stx_mtime.tv_nsec, std::move(name));
     }
   }
   std::sort(byAge.begin(), byAge.end());
   const size_t excess = byAge.size() >= kMaximumRecords ? byAge.size() - kMaximumRecords + 1 : 0;
-  for (size_t i = 0; i < excess; ++i) (void)::unlinkat(directory, byAge[i].second.c_str(), 0);
+  for (size_t i = 0; i < excess; ++i) (void)::unlinkat(directory, std::get<2>(byAge[i]).c_str(), 0);
   return true;
 }
 
