@@ -1,8 +1,10 @@
 // The cost of a transfer against the floor, admission by client size, and footprint, measured
 // side by side in one run, as root, in a private network namespace where port 80 is free. Cold
-// transfers come in pairs: the first with no record of the client (as after a change or a
-// reboot), then a recorded one, whose admission the helper's record spares the hashing and the
-// signature checks. The records live in a tmpfs of the benchmark's own over /run.
+// transfers are first ones, with no record of the client (as after a change or a reboot), and
+// recorded ones, whose admission the helper's record spares the hashing and the signature
+// checks: in pairs for the small client, and for the padded clients the first ones size by size,
+// then the recorded ones of every size in turn. The records live in a tmpfs of the benchmark's
+// own over /run.
 //
 //   handoff_bench HELPER CLIENT FLOOR WORKDIR OUTPUT.json [TRANSFERS [--cold-only]]
 // The ld-codesign beside the helper is used to time a signature check in a fresh process.
@@ -385,14 +387,16 @@ int main(int argc, char** argv) {
   const std::string socketPath = work + "/helper.sock";
   LDFileHandle listening = ldbench::listenAt(socketPath, 16);
   long rss = 0, peakRss = 0;
+  const auto transfer = [&](const std::string& program, Stats& stats) {
+    stats.values.push_back(coldTransfer(helper, program, listening.fileDescriptor(), socketPath, &rss));
+    peakRss = std::max(peakRss, rss);
+  };
   // A first transfer, with no record of the client, and then a recorded one.
   const auto coldPair = [&](const std::string& program, Stats& first, Stats& recorded) {
     forgetRecords();
-    first.values.push_back(coldTransfer(helper, program, listening.fileDescriptor(), socketPath, &rss));
-    peakRss = std::max(peakRss, rss);
-    if (recordCount() != 1) die("the helper recorded no record of " + program);
-    recorded.values.push_back(coldTransfer(helper, program, listening.fileDescriptor(), socketPath, &rss));
-    peakRss = std::max(peakRss, rss);
+    transfer(program, first);
+    if (recordCount() != 1) die("the helper made no record of " + program);
+    transfer(program, recorded);
   };
   Stats cold, cached, floorStats, warmRequest, warmComplete, warmUp;
   waitUntilRecordable(client);
@@ -410,10 +414,20 @@ int main(int argc, char** argv) {
   for (size_t s = 0; s < sizes.size(); ++s) {
     waitUntilRecordable(padded[s]);
     for (int i = 0, rounds = sizes[s].mebibytes >= 128 ? 10 : 30; i < rounds; ++i) {
-      coldPair(padded[s], sizes[s].cold, sizes[s].cached);
+      forgetRecords();
+      transfer(padded[s], sizes[s].cold);
     }
     sizes[s].verify = verifySeconds(padded[s], 5);
     sizes[s].openssl = opensslSeconds(padded[s], 5);
+  }
+  // Recorded transfers of every size in turn, so that whatever else the machine does meanwhile
+  // weighs on all sizes alike (the ratio of the largest to the smallest is a target).
+  Stats unmeasured;
+  forgetRecords();
+  for (const std::string& program : padded) transfer(program, unmeasured);
+  if (recordCount() != padded.size()) die("the helper did not record every padded client");
+  for (int i = 0; i < 30; ++i) {
+    for (size_t s = 0; s < sizes.size(); ++s) transfer(padded[s], sizes[s].cached);
   }
   listening.reset();
   warmRoundTrips(helper, work, std::min(transfers, 100), warmRequest, warmComplete);
