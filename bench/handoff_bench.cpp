@@ -1,5 +1,10 @@
 // The cost of a transfer against the floor, admission by client size, and footprint, measured
-// side by side in one run, as root, in a private network namespace where port 80 is free.
+// side by side in one run, as root, in a private network namespace where port 80 is free. Cold
+// transfers are first ones, with no record of the client (as after a change or a reboot), and
+// recorded ones, whose admission the helper's record spares the hashing and the signature
+// checks: in pairs for the small client, and for the padded clients the first ones size by size,
+// then the recorded ones of every size in turn. The records live in a tmpfs of the benchmark's
+// own over /run.
 //
 //   handoff_bench HELPER CLIENT FLOOR WORKDIR OUTPUT.json [TRANSFERS [--cold-only]]
 // The ld-codesign beside the helper is used to time a signature check in a fresh process.
@@ -16,6 +21,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -28,11 +34,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "platform/peer_identity.h"
 #include "platform/seqpacket.h"
 #include "platform/wire.h"
 #include "shared/loopback_listeners.h"
@@ -60,6 +68,38 @@ struct Stats {
 };
 
 using ldbench::bringLoopbackUp;
+
+// The helper's record directory, empty, in a tmpfs over /run that only this benchmark and its
+// children see.
+void privateRecordDirectory() {
+  if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      ::mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") != 0 || ::mkdir(LD_VERIFIED_EXECUTABLE_DIRECTORY, 0700) != 0) {
+    die("cannot make a record directory of my own at " LD_VERIFIED_EXECUTABLE_DIRECTORY);
+  }
+}
+
+size_t recordCount() {
+  const std::filesystem::directory_iterator records(LD_VERIFIED_EXECUTABLE_DIRECTORY);
+  return static_cast<size_t>(std::distance(begin(records), end(records)));
+}
+
+void forgetRecords() {
+  for (const auto& record : std::filesystem::directory_iterator(LD_VERIFIED_EXECUTABLE_DIRECTORY)) {
+    std::filesystem::remove(record.path());
+  }
+}
+
+// The helper records a file only once its times lie this far back.
+void waitUntilRecordable(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) die("stat " + path);
+  timespec wall{};
+  ::clock_gettime(CLOCK_REALTIME, &wall);
+  const auto nanoseconds = [](const timespec& t) { return static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec; };
+  const int64_t due = std::max(nanoseconds(status.st_mtim), nanoseconds(status.st_ctim)) +
+                      LDAdmissionPolicy{}.recordSettling + 100'000'000;
+  if (due > nanoseconds(wall)) ::usleep(static_cast<useconds_t>((due - nanoseconds(wall)) / 1000));
+}
 
 // Waits for pid; its exit status, and its peak RSS in KiB through *rss.
 int reap(pid_t pid, long* rss = nullptr) {
@@ -332,41 +372,65 @@ int main(int argc, char** argv) {
   const auto identity = LDLoadSigningIdentity(LD_SIGNING_KEY, LD_SIGNING_CERT, LD_SIGNING_CHAIN, &error);
   if (!identity) die(error);
 
+  privateRecordDirectory();
+  struct BySize {
+    size_t mebibytes;
+    Stats cold, cached;
+    double verify = 0, openssl = 0;
+  };
+  std::vector<BySize> sizes = {{1, {}, {}}, {16, {}, {}}, {128, {}, {}}};
+  std::vector<std::string> padded;  // made now, so that their times lie far enough back when they are used
+  if (!coldOnly) {
+    for (const BySize& row : sizes) padded.push_back(paddedClient(client, work, row.mebibytes << 20, *identity));
+  }
+
   const std::string socketPath = work + "/helper.sock";
   LDFileHandle listening = ldbench::listenAt(socketPath, 16);
   long rss = 0, peakRss = 0;
-  Stats cold, floorStats, warmRequest, warmComplete;
-  for (int i = 0; i < 10; ++i) (void)coldTransfer(helper, client, listening.fileDescriptor(), socketPath, &rss);  // warm-up
-  for (int i = 0; i < transfers; ++i) {
-    cold.values.push_back(coldTransfer(helper, client, listening.fileDescriptor(), socketPath, &rss));
+  const auto transfer = [&](const std::string& program, Stats& stats) {
+    stats.values.push_back(coldTransfer(helper, program, listening.fileDescriptor(), socketPath, &rss));
     peakRss = std::max(peakRss, rss);
+  };
+  // A first transfer, with no record of the client, and then a recorded one.
+  const auto coldPair = [&](const std::string& program, Stats& first, Stats& recorded) {
+    forgetRecords();
+    transfer(program, first);
+    if (recordCount() != 1) die("the helper made no record of " + program);
+    transfer(program, recorded);
+  };
+  Stats cold, cached, floorStats, warmRequest, warmComplete, warmUp;
+  waitUntilRecordable(client);
+  for (int i = 0; i < 5; ++i) coldPair(client, warmUp, warmUp);
+  for (int i = 0; i < transfers; ++i) {
+    coldPair(client, cold, cached);
     floorStats.values.push_back(floorTransfer(floor));
   }
-  listening.reset();
   if (coldOnly) {
-    std::printf("cold transfer median %.0f us, p99 %.0f us; floor median %.0f us; helper peak RSS %ld KiB\n",
-                cold.median(), cold.p99(), floorStats.median(), peakRss);
+    std::printf("cold transfer median %.0f us, p99 %.0f us; recorded %.0f us, p99 %.0f us; floor median %.0f us; "
+                "helper peak RSS %ld KiB\n",
+                cold.median(), cold.p99(), cached.median(), cached.p99(), floorStats.median(), peakRss);
     return 0;
   }
-  warmRoundTrips(helper, work, std::min(transfers, 100), warmRequest, warmComplete);
-
-  struct BySize {
-    size_t mebibytes;
-    Stats cold;
-    double verify = 0, openssl = 0;
-  };
-  std::vector<BySize> sizes = {{1, {}}, {16, {}}, {128, {}}};
-  LDFileHandle sizedListening = ldbench::listenAt(socketPath, 16);
-  for (BySize& row : sizes) {
-    const std::string padded = paddedClient(client, work, row.mebibytes << 20, *identity);
-    const int rounds = row.mebibytes >= 128 ? 10 : 30;
-    for (int i = 0; i < rounds; ++i) {
-      row.cold.values.push_back(coldTransfer(helper, padded, sizedListening.fileDescriptor(), socketPath, &rss));
-      peakRss = std::max(peakRss, rss);
+  for (size_t s = 0; s < sizes.size(); ++s) {
+    waitUntilRecordable(padded[s]);
+    for (int i = 0, rounds = sizes[s].mebibytes >= 128 ? 10 : 30; i < rounds; ++i) {
+      forgetRecords();
+      transfer(padded[s], sizes[s].cold);
     }
-    row.verify = verifySeconds(padded, 5);
-    row.openssl = opensslSeconds(padded, 5);
+    sizes[s].verify = verifySeconds(padded[s], 5);
+    sizes[s].openssl = opensslSeconds(padded[s], 5);
   }
+  // Recorded transfers of every size in turn, so that whatever else the machine does meanwhile
+  // weighs on all sizes alike (the ratio of the largest to the smallest is a target).
+  Stats unmeasured;
+  forgetRecords();
+  for (const std::string& program : padded) transfer(program, unmeasured);
+  if (recordCount() != padded.size()) die("the helper did not record every padded client");
+  for (int i = 0; i < 30; ++i) {
+    for (size_t s = 0; s < sizes.size(); ++s) transfer(padded[s], sizes[s].cached);
+  }
+  listening.reset();
+  warmRoundTrips(helper, work, std::min(transfers, 100), warmRequest, warmComplete);
   const auto [validateDirect, validateProbe] = validationCost();
 
   // Where a cold transfer goes: the helper's own start (as nobody it stops at its first check),
@@ -382,16 +446,20 @@ int main(int argc, char** argv) {
               cold.median(), cold.p99());
   std::printf("%-44s %9.0f us %9.0f us\n", "floor (static bind + pass, fork+exec)", floorStats.median(), floorStats.p99());
   std::printf("%-44s %12.2f\n", "cold / floor (median)", cold.median() / floorStats.median());
+  std::printf("%-44s %9.0f us %9.0f us\n", "cold transfer, recorded client", cached.median(), cached.p99());
+  std::printf("%-44s %12.2f\n", "recorded cold / floor (median)", cached.median() / floorStats.median());
   std::printf("%-44s %9.0f us %9.0f us\n", "warm request -> reply (open connection)", warmRequest.median(), warmRequest.p99());
   std::printf("%-44s %9.0f us %9.0f us\n", "warm complete -> reply", warmComplete.median(), warmComplete.p99());
   std::printf("%-44s %9.0f us\n", "  helper start alone (exits at first check)", helperStart);
   std::printf("%-44s %9.0f us\n", "  fresh process: start + one signature check", freshVerify);
   std::printf("%-44s %9.0f us\n", "  /bin/true, for scale", trueStart);
-  std::printf("\n%-12s %14s %14s %14s %10s\n", "client size", "cold median", "verify", "openssl dgst", "ratio");
+  std::printf("\n%-12s %14s %14s %14s %14s %10s\n", "client size", "cold median", "recorded", "verify", "openssl dgst",
+              "ratio");
   for (const BySize& row : sizes) {
-    std::printf("%8zu MiB %11.0f us %11.1f ms %11.1f ms %10.2f\n", row.mebibytes, row.cold.median(),
-                row.verify * 1000, row.openssl * 1000, row.openssl / row.verify);
+    std::printf("%8zu MiB %11.0f us %11.0f us %11.1f ms %11.1f ms %10.2f\n", row.mebibytes, row.cold.median(),
+                row.cached.median(), row.verify * 1000, row.openssl * 1000, row.openssl / row.verify);
   }
+  std::printf("%-44s %12.2f\n", "recorded cold, 128 MiB / 1 MiB client", sizes[2].cached.median() / sizes[0].cached.median());
   std::printf("\n%-44s %9ld KiB\n", "helper peak RSS", peakRss);
   std::printf("%-44s %9ld KiB\n", "helper binary", fileSize(helper) >> 10);
   std::printf("%-44s %9ld KiB\n", "client binary", fileSize(client) >> 10);
@@ -403,6 +471,8 @@ int main(int argc, char** argv) {
        << "  \"cold_median_us\": " << cold.median() << ", \"cold_p99_us\": " << cold.p99() << ",\n"
        << "  \"floor_median_us\": " << floorStats.median() << ", \"floor_p99_us\": " << floorStats.p99() << ",\n"
        << "  \"cold_over_floor\": " << cold.median() / floorStats.median() << ",\n"
+       << "  \"cold_cached_median_us\": " << cached.median() << ", \"cold_cached_p99_us\": " << cached.p99() << ",\n"
+       << "  \"cold_cached_over_floor\": " << cached.median() / floorStats.median() << ",\n"
        << "  \"warm_request_median_us\": " << warmRequest.median() << ", \"warm_request_p99_us\": " << warmRequest.p99() << ",\n"
        << "  \"warm_complete_median_us\": " << warmComplete.median() << ",\n"
        << "  \"helper_start_us\": " << helperStart << ", \"fresh_signature_check_us\": " << freshVerify
@@ -410,6 +480,7 @@ int main(int argc, char** argv) {
        << "  \"by_client_size\": [";
   for (size_t i = 0; i < sizes.size(); ++i) {
     json << (i ? ", " : "") << "{\"mib\": " << sizes[i].mebibytes << ", \"cold_median_us\": " << sizes[i].cold.median()
+         << ", \"cold_cached_median_us\": " << sizes[i].cached.median()
          << ", \"verify_s\": " << sizes[i].verify << ", \"openssl_s\": " << sizes[i].openssl
          << ", \"openssl_over_verify\": " << sizes[i].openssl / sizes[i].verify << "}";
   }

@@ -19,7 +19,9 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <poll.h>
@@ -58,6 +60,8 @@ pid_t startHostilePeer(const std::string& client, const std::string& socket, int
   if (peer != 0) return peer;
   ::setpriority(PRIO_PROCESS, 0, nice);
   becomeNobody();
+  // After the change of user, which clears it: a benchmark that dies leaves no flood running.
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() == 1) ::_exit(1);
   const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
   for (;;) {
     const pid_t run = ::fork();
@@ -106,6 +110,7 @@ pid_t startStalledPeer(const std::string& stallFile, const std::string& socket, 
   if (keeper != 0) return keeper;
   ::setpriority(PRIO_PROCESS, 0, nice);
   becomeNobody();
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() == 1) ::_exit(1);  // as a hostile peer
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
@@ -133,8 +138,27 @@ pid_t startStalledPeer(const std::string& stallFile, const std::string& socket, 
   }
 }
 
+// Until port 80 on 127.0.0.1 can be bound. An admission worker forked while its helper held the
+// listeners keeps copies of them until it has closed its descriptors or died, which under the
+// flood can come after the helper's exit; systemd starts no new helper before every process of
+// the last one is gone, so neither does this benchmark.
+void waitForPortToBeFree() {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(80);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  for (int attempt = 0; attempt < 2000; ++attempt) {
+    const LDFileHandle probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    (void)::setsockopt(probe.fileDescriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (::bind(probe.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return;
+    ::usleep(1000);
+  }
+  die("port 80 stayed taken after the helper exited");
+}
+
 // One legitimate transfer, in ms from the client's connect to its exit; the helper that served
-// it is reaped and a fresh one started.
+// it is reaped and, once nothing of it holds the port, a fresh one started.
 double legitimateTransfer(const std::string& client, const std::string& socket, const std::string& helper,
                           int listening, pid_t* helperPid) {
   int output[2];
@@ -155,6 +179,7 @@ double legitimateTransfer(const std::string& client, const std::string& socket, 
   ::close(output[0]);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || got <= 0) die("a legitimate transfer failed");
   ::waitpid(*helperPid, &status, 0);
+  waitForPortToBeFree();
   *helperPid = ldbench::activateHelper(helper, listening, false);
   return static_cast<double>(end - std::atoll(text)) / 1e6;
 }

@@ -9,6 +9,8 @@ set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME runtime)
 set(CMAKE_SKIP_INSTALL_RPATH ON)
 
 set(LD_SERVICE_NAME "${LD_APP_SIGNING_IDENTIFIER}.local-domain-listener")
+# RuntimeDirectory= names it relative to /run.
+string(REGEX REPLACE "^/run/" "" LD_RUNTIME_DIRECTORY "${LD_VERIFIED_EXECUTABLE_DIRECTORY}")
 set(LD_HELPER_PATH "${CMAKE_INSTALL_FULL_LIBEXECDIR}/quillfern-local-domain-listener")
 set(LD_DOC_DIR "${CMAKE_INSTALL_FULL_DOCDIR}")
 set(LD_DEMO_PATH "${CMAKE_INSTALL_FULL_BINDIR}/quillfern-listen")

@@ -1,8 +1,10 @@
 // The helper as a real root process, socket-activated, with real clients running as nobody, in a
 // private network namespace where it binds the real port 80.
 
+#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/fanotify.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
 #include <sstream>
 
 #include <openssl/pem.h>
@@ -320,6 +323,56 @@ TEST_F(HelperEndToEnd, SignatureOnlyBuildAdmitsAPlainInstall) {
   EXPECT_EQ(outputOf({installOnNosuidMount(), "version", socket, "1"}), "closed\n");
   EXPECT_EQ(outputOf({plainProbe, "version", socket, "2"}), "hello\nstatus 3 Unsupported protocol version\n");
   EXPECT_EQ(helper.wait(5000), 1);
+}
+
+// Counts the reads of one file, by process, through fanotify (root only).
+class ReadWatch {
+ public:
+  explicit ReadWatch(const std::string& path)
+      : _fanotify(::fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK, O_RDONLY | O_CLOEXEC)) {
+    if (::fanotify_mark(_fanotify.fileDescriptor(), FAN_MARK_ADD, FAN_ACCESS, AT_FDCWD, path.c_str()) != 0) {
+      throw std::runtime_error("fanotify on " + path + ": " + std::strerror(errno));
+    }
+  }
+  // Whether a process other than `except` read the file since the last call.
+  bool readByOtherThan(pid_t except) {
+    bool read = false;
+    alignas(fanotify_event_metadata) char buffer[4096];
+    for (ssize_t got; (got = ::read(_fanotify.fileDescriptor(), buffer, sizeof buffer)) > 0;) {
+      fanotify_event_metadata event;
+      for (size_t at = 0; at + sizeof event <= static_cast<size_t>(got); at += event.event_len) {
+        std::memcpy(&event, buffer + at, sizeof event);
+        if (event.event_len < sizeof event || at + event.event_len > static_cast<size_t>(got)) break;
+        const LDFileHandle opened(event.fd);
+        read = read || event.pid != except;
+      }
+    }
+    return read;
+  }
+
+ private:
+  LDFileHandle _fanotify;
+};
+
+// A client that passed verification is recorded, and then admitted without the helper reading any
+// of it; rewritten in place with its size and modification time put back, it is read, verified
+// again and refused.
+TEST_F(HelperEndToEnd, ARecordedClientIsNotReadAgainUntilItChanges) {
+  ::mkdir(LD_TEST_VERIFIED_EXECUTABLES, 0755);  // only the tmpfs over it has the mode the helper needs
+  ASSERT_EQ(::mount("tmpfs", LD_TEST_VERIFIED_EXECUTABLES, "tmpfs", 0, "mode=0700"), 0);
+  ReadWatch watch(probe);
+  ChildProcess helper = startHelper(LD_HELPER_SHORT_TIMEOUTS, socket);
+  const auto greet = [&] {
+    (void)watch.readByOtherThan(0);  // not the test's own reads
+    ChildProcess client = ChildProcess::start({probe, "greet", socket}, kNobody);
+    const pid_t pid = client.pid();  // its exec reads the file too
+    const std::string output = client.finish().standardOutput;
+    return std::make_pair(output, watch.readByOtherThan(pid));
+  };
+  EXPECT_EQ(greet(), std::make_pair(std::string("hello\n"), true)) << "verified in full";
+  EXPECT_EQ(greet(), std::make_pair(std::string("hello\n"), false)) << "admitted on its record";
+  ldtest::rewriteInPlaceKeepingTimes(probe, 1000);
+  EXPECT_EQ(greet(), std::make_pair(std::string("closed\n"), true)) << "verified again";
 }
 
 // Any server that understands socket activation runs unprivileged on port 80.

@@ -31,11 +31,16 @@ constexpr double kReplyBarrierFallbackTimeout = LD_TEST_REPLY_BARRIER_FALLBACK_T
 #define LD_REPLY_BARRIER_FALLBACK_TIMEOUT LDReplyBarrierFallbackTimeout
 #endif
 
-// Test builds may admit by signature alone, or pin peers without SO_PEERPIDFD as on kernels
-// before 6.5.
+// Test builds may admit by signature alone, pin peers without SO_PEERPIDFD as on kernels before
+// 6.5, or keep their records of verified executables elsewhere and record files changed just now.
 LDAdmissionPolicy admissionPolicy() {
   LDAdmissionPolicy policy;
   policy.requireSecureExecution = LDRequireSecureExecution;
+  policy.verifiedExecutables = LD_VERIFIED_EXECUTABLE_DIRECTORY;
+#ifdef LD_TEST_VERIFIED_EXECUTABLES
+  policy.verifiedExecutables = LD_TEST_VERIFIED_EXECUTABLES;
+  policy.recordSettling = 0;
+#endif
 #ifdef LD_TEST_SIGNATURE_ONLY
   policy.requireSecureExecution = false;
 #endif

@@ -16,6 +16,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/verified_executable_records.h"
+
 namespace {
 
 // Linux 6.5; absent from Debian 12's headers.
@@ -214,7 +216,8 @@ std::string inspectionProblem(const LDPinnedPeer& peer, uint64_t acceptedAfter, 
   return "";
 }
 
-// The costly checks: the signature, read through the very file inspected, and the descriptor scan.
+// The costly checks: the signature, read through the very file inspected (unless a record says that
+// this very version of it passed before), and the descriptor scan.
 std::string verificationProblem(int socket, const LDPinnedPeer& peer, const LDExecutableFile& executable,
                                 const LDRequirement& requirement, const LDTrustAnchors& anchors,
                                 const LDAdmissionPolicy& policy) {
@@ -226,8 +229,13 @@ std::string verificationProblem(int socket, const LDPinnedPeer& peer, const LDEx
       opened.st_dev != executable.device || opened.st_ino != executable.inode) {
     return "the peer's executable cannot be read";
   }
+  const std::optional<LDVerifiedExecutableRecords> records =
+      policy.verifiedExecutables.empty()
+          ? std::nullopt
+          : LDVerifiedExecutableRecords::open(policy.verifiedExecutables, anchors, requirement, policy.recordSettling);
   std::string detail;
-  const int32_t verified = LDCheckSignatureOfDescriptor(contents.fileDescriptor(), &requirement, anchors, &detail);
+  const int32_t verified = LDCheckSignatureWithRecords(contents.fileDescriptor(), requirement, anchors,
+                                                       records ? &*records : nullptr, &detail);
   if (verified != 0) return "signature (OSStatus " + std::to_string(verified) + "): " + detail;
   // Last, as it is the costliest for a peer with many descriptors: a socket that crossed an exec
   // cannot be close-on-exec, so a connection made by one program cannot pass for one made by

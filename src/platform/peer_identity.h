@@ -31,6 +31,11 @@ struct LDAdmissionPolicy {
   bool usePeerPidfd = true;
   // More descriptors than this in the peer and it is refused without looking further.
   size_t maximumDescriptors = 1024;
+  // The directory of records of verified executables (verified_executable_records.h); empty:
+  // every admission verifies in full.
+  std::string verifiedExecutables = {};
+  // A file changed less recently than this is verified but not recorded.
+  int64_t recordSettling = 3'000'000'000;
 };
 
 // The peer process as the kernel names it at the accept.

@@ -2,7 +2,10 @@
 
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <filesystem>
@@ -118,6 +121,24 @@ void writeFile(const std::string& path, const std::string& content, unsigned mod
     check(static_cast<bool>(output), "write");
   }
   ::chmod(path.c_str(), mode);
+}
+
+void rewriteInPlaceKeepingTimes(const std::string& path, size_t offset) {
+  struct stat before {};
+  check(::stat(path.c_str(), &before) == 0, "stat");
+  for (timespec now{}; ::clock_gettime(CLOCK_REALTIME_COARSE, &now) == 0 &&
+                       (now.tv_sec < before.st_ctim.tv_sec ||
+                        (now.tv_sec == before.st_ctim.tv_sec && now.tv_nsec <= before.st_ctim.tv_nsec));) {
+  }
+  const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  check(fd >= 0, "open");
+  char byte = 0;
+  bool flipped = ::pread(fd, &byte, 1, static_cast<off_t>(offset)) == 1;
+  byte = static_cast<char>(byte ^ 0x40);
+  flipped = flipped && ::pwrite(fd, &byte, 1, static_cast<off_t>(offset)) == 1;
+  ::close(fd);
+  const timespec times[2] = {before.st_atim, before.st_mtim};
+  check(flipped && ::utimensat(AT_FDCWD, path.c_str(), times, 0) == 0, "rewrite in place");
 }
 
 }  // namespace ldtest

@@ -64,4 +64,10 @@ class TemporaryDirectory {
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& content, unsigned mode = 0755);
 
+// Flips the byte at offset in place, then puts the access and modification times back with
+// utimensat: only the change time still tells. It first waits (a jiffy at most) for the clock
+// the kernel stamps files with to pass the file's change time, so that the change is visible
+// even on kernels that stamp every change in a tick alike.
+void rewriteInPlaceKeepingTimes(const std::string& path, size_t offset);
+
 }  // namespace ldtest
