@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "bench_support.h"
+#include "platform/seqpacket.h"
 
 namespace {
 
@@ -78,30 +79,6 @@ pid_t startHostilePeer(const std::string& client, const std::string& socket, int
   }
 }
 
-void sendDescriptor(int channel, int fd) {
-  char space[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_control = space;
-  message.msg_controllen = sizeof space;
-  cmsghdr* header = CMSG_FIRSTHDR(&message);
-  header->cmsg_level = SOL_SOCKET;
-  header->cmsg_type = SCM_RIGHTS;
-  header->cmsg_len = CMSG_LEN(sizeof(int));
-  std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
-  (void)::sendmsg(channel, &message, 0);
-}
-
-int receiveDescriptor(int channel) {
-  char space[CMSG_SPACE(sizeof(int))] = {};
-  msghdr message{};
-  message.msg_control = space;
-  message.msg_controllen = sizeof space;
-  if (::recvmsg(channel, &message, MSG_CMSG_CLOEXEC) < 0 || CMSG_FIRSTHDR(&message) == nullptr) return -1;
-  int fd = -1;
-  std::memcpy(&fd, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof fd);
-  return fd;
-}
-
 // Keeps one peer frozen inside an exec and connected, until killed. The peer opens the stalling
 // file before its socket, so the exec flushes the file (and stops) before it would close the
 // socket; it hands a copy of its end over, by which the keeper sees the helper drop it.
@@ -116,23 +93,25 @@ pid_t startStalledPeer(const std::string& stallFile, const std::string& socket, 
   std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
   for (int frozen = 0;;) {
     int channel[2];
-    if (::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, channel) != 0) ::_exit(1);
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, channel) != 0) ::_exit(1);
     const pid_t peer = ::fork();
     if (peer == 0) {
       const int held = ::open(stallFile.c_str(), O_RDONLY | O_CLOEXEC);
       const int connection = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
       if (held < 0 || ::connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::_exit(1);
-      sendDescriptor(channel[1], connection);
+      (void)LDSendPacket(channel[1], "s", {connection}, false);
       ::execl("/bin/true", "true", static_cast<char*>(nullptr));
       ::_exit(127);
     }
     ::close(channel[1]);
-    const int connection = receiveDescriptor(channel[0]);
-    ::close(channel[0]);
-    pollfd dropped{connection, POLLRDHUP, 0};
-    while (connection >= 0 && ::poll(&dropped, 1, -1) < 0 && errno == EINTR) {
+    LDReceivedPacket packet;
+    int errorNumber = 0;
+    if (LDReceivePacket(channel[0], 1, &packet, &errorNumber) == LDReceiveResult::packet && packet.descriptors.size() == 1) {
+      pollfd dropped{packet.descriptors[0].fileDescriptor(), POLLRDHUP, 0};
+      while (::poll(&dropped, 1, -1) < 0 && errno == EINTR) {
+      }
     }
-    if (connection >= 0) ::close(connection);
+    ::close(channel[0]);
     // Each stays frozen for the file system's hold; at most four per keeper at a time.
     for (++frozen; ::waitpid(-1, nullptr, frozen >= 4 ? 0 : WNOHANG) > 0;) --frozen;
   }

@@ -29,7 +29,8 @@ class LDHelperConnection final : public LDListenerConnection {
   void setExportedObject(std::shared_ptr<LDListenerHandoff> exportedObject) {
     _exportedObject = std::move(exportedObject);
   }
-  // Should the check of a message take longer, the helper ends (see the .cpp). Default 2 s.
+  // Should the check of a message take longer, the helper ends (see the .cpp).
+  static constexpr int64_t kMessageCheckDeadlineNanoseconds = 2'000'000'000;
   void setMessageCheckDeadline(int64_t nanoseconds) { _messageCheckDeadline = nanoseconds; }
   // Sends Hello and starts serving calls.
   void activate();
@@ -60,7 +61,7 @@ class LDHelperConnection final : public LDListenerConnection {
   std::deque<Outgoing> _outgoing;
   bool _closed = false;
   bool _watching = false;
-  int64_t _messageCheckDeadline = 2'000'000'000;
+  int64_t _messageCheckDeadline = kMessageCheckDeadlineNanoseconds;
   // Calls are served one at a time, in order; a peer gets at most this many served.
   int _callsServed = 0;
 };

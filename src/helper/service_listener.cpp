@@ -95,7 +95,7 @@ void LDServiceListener::abandon(uint64_t serial) {
     // Still not reaped: SIGKILL did not end it, so no admission can be relied on to end.
     _workersUnendable = true;
     _runLoop.modify(_socket.fileDescriptor(), 0);
-    if (_connections.empty() && _terminate) std::exchange(_terminate, nullptr)(1);
+    endIfAdmissionsCannotEnd();
   });
 }
 
@@ -139,8 +139,13 @@ void LDServiceListener::closed(uint64_t serial) {
   _runLoop.runAt(LDRunLoop::now(), [this, serial] {
     _connections.erase(serial);
     updateAccepting();
-    if (_workersUnendable && _connections.empty() && _terminate) std::exchange(_terminate, nullptr)(1);
+    endIfAdmissionsCannotEnd();
   });
+}
+
+// Once admissions cannot be relied on to end, the helper ends with the last connection.
+void LDServiceListener::endIfAdmissionsCannotEnd() {
+  if (_workersUnendable && _connections.empty() && _terminate) std::exchange(_terminate, nullptr)(1);
 }
 
 void LDServiceListener::updateAccepting() {

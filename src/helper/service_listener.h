@@ -50,7 +50,7 @@ class LDServiceListener {
     // How long accepting rests after the helper ran out of descriptors.
     int64_t acceptRetry = 100'000'000;
     // The check of an admitted peer's message (see LDHelperConnection).
-    int64_t messageCheck = 2'000'000'000;
+    int64_t messageCheck = LDHelperConnection::kMessageCheckDeadlineNanoseconds;
   };
 
   // The examination of one peer, run in its worker. The default is LDExaminePeer with the
@@ -91,12 +91,12 @@ class LDServiceListener {
 
   void acceptConnections();
   void startAdmission(LDFileHandle socket, uint64_t acceptedAfter);
-  void inspectionDue(uint64_t serial, int64_t started);
   void abandon(uint64_t serial);
   void workerExited(uint64_t serial);
   void admitted(uint64_t serial, LDAdmittedPeer peer, LDFileHandle socket);
   void closed(uint64_t serial);
   void updateAccepting();
+  void endIfAdmissionsCannotEnd();
 
   LDFileHandle _socket;
   LDRunLoop& _runLoop;
