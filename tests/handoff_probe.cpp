@@ -1,7 +1,8 @@
 // A test client that speaks (or abuses) the helper's protocol step by step and prints what it
 // saw, one word or line per step. Installed signed or unsigned by the tests.
 //
-//   handoff_probe early|garbage|descriptors|oversized PATH   send before Hello, report
+//   handoff_probe early|garbage|oversized PATH              send before Hello, report
+//   handoff_probe linger|nested|linger-after-hello PATH    send a lingering TCP socket, report, stay
 //   handoff_probe greet PATH                                report whether the helper greets us
 //   handoff_probe version PATH N                            request with version N
 //   handoff_probe hold PATH                                 request, wait for "go" on stdin, complete
@@ -147,6 +148,33 @@ bool dropGroup(const std::string& mode) {
   return ::setfsgid(-1u) == static_cast<int>(real);  // an invalid id only reports the current one
 }
 
+// A TCP connection on loopback whose client end lingers for 2^31-1 s on close with data it cannot
+// send: the server end (kept open in *server, never read) has a full window. Closing the last
+// reference to the client end waits, unless the closer is exiting.
+int lingeringSocket(int* server) {
+  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int small = 4096;
+  ::setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener, 1) != 0 ||
+      ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return -1;
+  }
+  (void)::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  *server = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  ::close(listener);
+  const linger forever{1, 0x7fffffff};
+  ::setsockopt(client, SOL_SOCKET, SO_LINGER, &forever, sizeof forever);
+  const std::string chunk(65536, 'x');
+  while (::send(client, chunk.data(), chunk.size(), MSG_NOSIGNAL) > 0) {
+  }
+  return *server < 0 ? -1 : client;
+}
+
 // Runs program with fd as its descriptor 3, in the given mode.
 int execWithSocket(int fd, const char* program, const char* mode) {
   const int target = 3;
@@ -190,10 +218,32 @@ int main(int argc, char** argv) {
     ::execl(argv[4], argv[4], static_cast<char*>(nullptr));
     return 127;
   }
-  if (mode == "early" || mode == "garbage" || mode == "descriptors" || mode == "oversized") {
+  // Before Hello, a lingering TCP socket in flight ("linger"), or a socket that itself carries one
+  // ("nested"); every copy of ours but the server end is closed, so that whoever drops the message
+  // drops the last reference. Stays until killed (its server end must stay open).
+  if (mode == "linger" || mode == "nested" || mode == "linger-after-hello") {
+    say("connected");
+    int server = -1;
+    int sent = lingeringSocket(&server);
+    if (sent < 0) return 70;
+    if (mode == "nested") {
+      int pair[2];
+      if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return 71;
+      sendMessage(pair[0], LDRequestMessage{1}, {sent});
+      ::close(sent);
+      ::close(pair[0]);
+      sent = pair[1];
+    }
+    if (mode == "linger-after-hello") say(next(fd, 10000));
+    const int refused = LDSendPacket(fd, LDEncodeMessage(LDRequestMessage{1}), {sent}, false);
+    say(refused == EPERM ? "refused by the kernel" : refused == 0 ? "sent" : std::strerror(refused));
+    if (refused == 0) ::close(sent);  // unsent, it stays ours: our own close would linger
+    say(next(fd, 10000));
+    ::pause();
+  }
+  if (mode == "early" || mode == "garbage" || mode == "oversized") {
     if (mode == "early") sendMessage(fd, LDRequestMessage{1});
     if (mode == "garbage") (void)::send(fd, "\x01\x02garbage!", 10, MSG_NOSIGNAL);
-    if (mode == "descriptors") sendMessage(fd, LDRequestMessage{1}, {0});
     if (mode == "oversized") (void)::send(fd, std::string(5000, 'x').data(), 5000, MSG_NOSIGNAL);
     say("sent");
     say(next(fd, 10000));

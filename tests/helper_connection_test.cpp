@@ -87,8 +87,8 @@ TEST(HelperConnection, DropsAClientThatBreaksTheProtocolAndClosesWhatItSent) {
   };
   const LDMessage request = LDRequestMessage{1};
   for (const Case& c : {
-           Case{"descriptors after Hello", {request}, 1, 0, "the client sent descriptors"},
-           Case{"more descriptors than fit", {request}, 32, 0, "an oversized packet or too many descriptors"},
+           Case{"descriptors after Hello", {request}, 1, 0, "an oversized packet, or descriptors"},
+           Case{"more descriptors than fit", {request}, 32, 0, "an oversized packet, or descriptors"},
            Case{"a fifth call", {request, request, LDCompleteMessage{1, "t", true}, request, request}, 0, 4, "too many calls"},
            Case{"a Hello from the client", {LDHelloMessage{}}, 0, 0, "a malformed or unexpected message"},
        }) {

@@ -28,7 +28,7 @@ int acceptCalls = 0;
 
 class Greeter final : public LDServiceListenerDelegate {
  public:
-  bool listener(LDServiceListener&, LDHelperConnection& connection) override {
+  bool listener(LDServiceListener&, LDKeptConnection& connection) override {
     connection.activate();  // sends Hello
     return true;
   }
@@ -41,7 +41,7 @@ std::string seen(const LDFileHandle& fd) {
   return got > 0 ? "hello" : got == 0 ? "closed" : "nothing";
 }
 
-// The examination in the workers, by the abstract name the client bound before connecting:
+// The examination in the keepers, by the abstract name the client bound before connecting:
 // "stuck..." never gets past the checks that can wait on the peer, "slow..." never past the
 // signature; any other peer is admitted at once.
 std::optional<LDPeerVerdict> examineByName(int socket, const LDPinnedPeer&, uint64_t,
@@ -103,9 +103,19 @@ class ServiceListenerTest : public testing::Test {
   std::unique_ptr<LDServiceListener> listener;
 };
 
+// Keepers alive now: the children of the listener's zygote, the test's one child.
+long keepers() {
+  const auto childrenOf = [](const std::string& pid) {
+    return ldtest::readFile("/proc/" + pid + "/task/" + pid + "/children");
+  };
+  const std::string zygote = childrenOf(std::to_string(::getpid()));
+  const std::string children = zygote.empty() ? "" : childrenOf(zygote.substr(0, zygote.find(' ')));
+  return std::count(children.begin(), children.end(), ' ');
+}
+
 // Sixteen peers frozen before the checks that wait on them end, hold every slot; each is dropped
-// at the inspection deadline and its worker killed and reaped, so that the slots come back: peers
-// behind them are served, while those still verifying within the admission deadline keep theirs.
+// at the inspection deadline and its keeper killed, so that the slots come back: peers behind
+// them are served, while those still verifying within the admission deadline keep theirs.
 TEST_F(ServiceListenerTest, StuckAdmissionsAreKilledAndTheirSlotsComeBack) {
   listener->setTiming({.inspection = 50'000'000, .admission = 60'000'000'000});
   ASSERT_TRUE(listener->activate());
@@ -113,13 +123,10 @@ TEST_F(ServiceListenerTest, StuckAdmissionsAreKilledAndTheirSlotsComeBack) {
   for (int i = 0; i < 16; ++i) stuck.push_back(connect("stuck" + std::to_string(i)));
   for (int i = 0; i < 4; ++i) slow.push_back(connect("slow" + std::to_string(i)));
   const LDFileHandle served = connect();
-  const auto workers = [] {
-    const std::string children = ldtest::readFile("/proc/self/task/" + std::to_string(::getpid()) + "/children");
-    return std::count(children.begin(), children.end(), ' ');
-  };
-  // A killed worker is reaped once its pidfd says so, a moment after its peer sees the close.
-  EXPECT_TRUE(runUntil([&] { return all(stuck, "closed") && seen(served) == "hello" && workers() == 4; }))
-      << workers() << " workers left; only the slow ones' should be";
+  // Gone once their pidfds say so, a moment after their peers see the close; the served one's
+  // keeper stays with its connection.
+  EXPECT_TRUE(runUntil([&] { return all(stuck, "closed") && seen(served) == "hello" && keepers() == 5; }))
+      << keepers() << " keepers left; only the slow ones' and the served one's should be";
   EXPECT_TRUE(all(slow, "nothing")) << "still within the admission deadline";
 }
 
@@ -151,25 +158,27 @@ int emfileAccept(int, sockaddr*, socklen_t*, int) {
 
 int ignoreKill(int, int) { return 0; }
 
-// Kernel refusals: a worker that cannot be started refuses that peer only; accept out of
-// descriptors rests instead of spinning; a killed worker that does not die stops the accepting
+// Kernel refusals: a keeper that cannot be started refuses that peer only; accept out of
+// descriptors rests instead of spinning; a killed keeper that does not die stops the accepting
 // and, with no connection left, ends the helper with 1.
 TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin) {
-  static const LDAdmissionWorker::Calls noFork{failingFork, LDAdmissionWorker::kSystemCalls.kill};
-  listener->setSystemCalls(::accept4, noFork);
+  static const LDServiceListener::Calls noFork{::accept4, failingFork, LDServiceListener::kSystemCalls.kill};
+  listener->setSystemCalls(noFork);
   ASSERT_TRUE(listener->activate());
   const LDFileHandle refused = connect(), served = connect();
+  // The refused peer's socket stays open in the helper (closing it there could be its last
+  // reference), shut down so that the peer knows at once.
   EXPECT_TRUE(runUntil([&] { return seen(refused) == "closed" && seen(served) == "hello"; }));
 
-  static const LDAdmissionWorker::Calls undying{::fork, ignoreKill};
+  static const LDServiceListener::Calls undying{::accept4, ::fork, ignoreKill};
   std::optional<int> terminated;
   listenAt("second.sock");
   listener->setExamination([](int, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
     ::usleep(500'000);  // ends by itself, long after the helper gave up on it
     return std::optional<LDPeerVerdict>();
   });
-  listener->setSystemCalls(::accept4, undying);
-  listener->setTiming({.inspection = 20'000'000, .killedWorker = 50'000'000});
+  listener->setSystemCalls(undying);
+  listener->setTiming({.inspection = 20'000'000, .killedKeeper = 50'000'000});
   listener->setTerminate([&](int status) { terminated = status; });
   ASSERT_TRUE(listener->activate());
   const LDFileHandle undead = connect();
@@ -181,7 +190,8 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   EXPECT_EQ(seen(late), "nothing") << "no longer accepting";
 
   listenAt("third.sock");
-  listener->setSystemCalls(emfileAccept, LDAdmissionWorker::kSystemCalls);
+  static const LDServiceListener::Calls emfile{emfileAccept, ::fork, LDServiceListener::kSystemCalls.kill};
+  listener->setSystemCalls(emfile);
   listener->setTiming({.acceptRetry = 100'000'000});
   ASSERT_TRUE(listener->activate());
   const LDFileHandle waiting = connect();

@@ -47,8 +47,13 @@ struct World {
     const LDFileHandle file(::open(app.c_str(), O_RDONLY | O_CLOEXEC));
     const auto store = LDVerifiedExecutableRecords::open(records, anchors, requirement, settling);
     std::string detail;
-    return LDCheckSignatureWithRecords(file.fileDescriptor(), requirement, anchors, store ? &*store : nullptr,
-                                       &detail, recalled);
+    std::optional<LDVerifiedVersion> verified;
+    const int32_t status = LDCheckSignatureWithRecords(
+        file.fileDescriptor(), store ? &*store : nullptr,
+        [&](int fd, std::string* why) { return LDCheckSignatureOfDescriptor(fd, &requirement, anchors, why); }, &detail,
+        &verified, recalled);
+    if (verified) store->record(verified->before, verified->after);
+    return status;
   }
   std::vector<std::string> recordPaths() const {
     std::vector<std::string> paths;

@@ -1,7 +1,6 @@
 #include "helper/helper_connection.h"
 
 #include <sys/epoll.h>
-#include <sys/time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -12,18 +11,6 @@ namespace {
 
 // A client makes one request and one completion; anything beyond a few calls is not a client.
 constexpr int kMaximumCalls = 4;
-
-// Reads of a process frozen inside an exec (its exe link among them) wait on its exec lock, and
-// only a fatal signal ends that wait; a keyless user can freeze an admitted peer so right after
-// it sent a message (with a file open close-on-exec on a FUSE file system of their own). Should
-// the check of a message outlast its deadline, SIGALRM, at its default action (main sees to it),
-// ends the helper, and systemd starts a fresh one for the next connection.
-void armAlarm(int64_t nanoseconds) {
-  itimerval deadline{};
-  deadline.it_value.tv_sec = static_cast<time_t>(nanoseconds / 1'000'000'000);
-  deadline.it_value.tv_usec = static_cast<suseconds_t>(nanoseconds % 1'000'000'000 / 1000);
-  (void)::setitimer(ITIMER_REAL, &deadline, nullptr);
-}
 
 }  // namespace
 
@@ -78,14 +65,16 @@ void LDHelperConnection::readMessages() {
   while (!_closed) {
     LDReceivedPacket packet;
     int errorNumber = 0;
-    switch (LDReceivePacket(_socket.fileDescriptor(), LDWireMaximumPacketSize, &packet, &errorNumber)) {
+    // Room for the sender's credentials alone: a descriptor the client sends is never installed
+    // here; the kernel drops it, and the packet reports as truncated.
+    switch (LDReceivePacket(_socket.fileDescriptor(), LDWireMaximumPacketSize, &packet, &errorNumber, 0)) {
       case LDReceiveResult::wouldBlock:
         return;
       case LDReceiveResult::closed:
         invalidate("the client closed the connection");
         return;
       case LDReceiveResult::truncated:
-        invalidate("an oversized packet or too many descriptors");
+        invalidate("an oversized packet, or descriptors");
         return;
       case LDReceiveResult::failed:
         invalidate(std::string("recvmsg: ") + std::strerror(errorNumber));
@@ -93,15 +82,10 @@ void LDHelperConnection::readMessages() {
       case LDReceiveResult::packet:
         break;
     }
-    // The helper never takes descriptors from a client; `packet` closes them on the way out.
-    if (!packet.descriptors.empty()) {
-      invalidate("the client sent descriptors");
-      return;
-    }
     std::string reason;
-    armAlarm(_messageCheckDeadline);
+    // The check can wait on a peer frozen inside an exec: whoever runs this can be told first.
+    if (_messageCheckBegins) _messageCheckBegins();
     const bool stillAdmitted = packet.credentials && LDPeerIsStillAdmitted(_peer, packet.credentials->pid, &reason);
-    armAlarm(0);
     if (!stillAdmitted) {
       invalidate(reason.empty() ? "a message without sender credentials" : reason);
       return;

@@ -29,9 +29,10 @@ class LDHelperConnection final : public LDListenerConnection {
   void setExportedObject(std::shared_ptr<LDListenerHandoff> exportedObject) {
     _exportedObject = std::move(exportedObject);
   }
-  // Should the check of a message take longer, the helper ends (see the .cpp).
-  static constexpr int64_t kMessageCheckDeadlineNanoseconds = 2'000'000'000;
-  void setMessageCheckDeadline(int64_t nanoseconds) { _messageCheckDeadline = nanoseconds; }
+  // Called as each message's sender check begins: that check reads /proc files that wait for as
+  // long as the peer is frozen inside an exec, so whoever runs this connection (a keeper) tells
+  // the monitor, which ends the connection if the check is not done in time.
+  void setMessageCheckBegins(std::function<void()> begins) { _messageCheckBegins = std::move(begins); }
   // Sends Hello and starts serving calls.
   void activate();
   // Ends the connection now (the queue is dropped, barriers never run).
@@ -61,7 +62,7 @@ class LDHelperConnection final : public LDListenerConnection {
   std::deque<Outgoing> _outgoing;
   bool _closed = false;
   bool _watching = false;
-  int64_t _messageCheckDeadline = kMessageCheckDeadlineNanoseconds;
+  std::function<void()> _messageCheckBegins;
   // Calls are served one at a time, in order; a peer gets at most this many served.
   int _callsServed = 0;
 };

@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -72,12 +71,6 @@ std::string systemCallFailure(const char* call, int errorNumber) {
 }  // namespace
 
 int main() {
-  // The deadline on a message's check is SIGALRM's default action: whatever was inherited, it ends us.
-  std::signal(SIGALRM, SIG_DFL);
-  sigset_t alarm;
-  sigemptyset(&alarm);
-  sigaddset(&alarm, SIGALRM);
-  sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
   if (::geteuid() != 0) {
     std::fputs(kMustRunAsRoot, stderr);
     return 1;
@@ -99,12 +92,6 @@ int main() {
   if (!activated) return fail(LDNotSocketActivatedMessage());
   if (!socket) return fail(problem);
 
-  LDUtilityQueue utilityQueue;
-  const std::shared_ptr<LDListenerService> service = LDListenerService::initWithPort(
-      LDListenerPort, LD_ACKNOWLEDGEMENT_TIMEOUT, LD_REPLY_BARRIER_FALLBACK_TIMEOUT, nullptr,
-      [](int32_t status) { std::exit(status); }, utilityQueue);
-  LDListenerServiceDelegate delegate(service);
-
   LDRunLoop runLoop;
   int errorNumber = 0;
   const int activatedSocket = socket->fileDescriptor();  // owned by the listener from here on
@@ -112,15 +99,23 @@ int main() {
   LDServiceListener listener(std::move(*socket), runLoop);
   listener.setConnectionCodeSigningRequirement(*requirement);
   listener.setAdmissionPolicy(admissionPolicy());
-  listener.setDelegate(&delegate);
-  listener.setTerminate([](int status) { std::exit(status); });
 #ifdef LD_TEST_MESSAGE_CHECK_DEADLINE
   LDServiceListener::Timing timing;
   timing.messageCheck = LD_TEST_MESSAGE_CHECK_DEADLINE;
   listener.setTiming(timing);
 #endif
-  if (!listener.activate(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("epoll_ctl", errorNumber));
-  // The loop ends only through a terminate callback; a loop that cannot wait serves no one.
-  if (!runLoop.run(&errorNumber)) return fail(systemCallFailure("epoll_wait", errorNumber));
-  return 0;
+  // Forks the keepers' zygote, so it comes before the utility queue starts its thread.
+  if (!listener.activate(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("activation", errorNumber));
+
+  LDUtilityQueue utilityQueue;
+  const std::shared_ptr<LDListenerService> service = LDListenerService::initWithPort(
+      LDListenerPort, LD_ACKNOWLEDGEMENT_TIMEOUT, LD_REPLY_BARRIER_FALLBACK_TIMEOUT, nullptr,
+      [](int32_t status) { std::exit(status); }, utilityQueue);
+  LDListenerServiceDelegate delegate(service);
+  listener.setDelegate(&delegate);
+  // Every ending goes through the service's once-only termination: the first status wins.
+  listener.setTerminate([&service](int status) { service->terminateOnce(status); });
+  // The loop ends only through the terminate callback; a loop that cannot wait serves no one.
+  if (!runLoop.run(&errorNumber)) service->terminateOnce(1);
+  return 1;
 }

@@ -1,10 +1,177 @@
 #include "helper/service_listener.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <deque>
 #include <utility>
+
+#include "helper/helper_connection.h"
+
+namespace {
+
+int sendSignal(int pidfd, int signal) {
+  return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0u));
+}
+
+// Copies text into a fixed field of a record; the length says how much of it counts.
+template <size_t Size>
+void fill(char (&field)[Size], uint32_t* length, uint8_t* present, const std::optional<std::string>& text) {
+  *present = text ? 1 : 0;
+  *length = text ? static_cast<uint32_t>(std::min(text->size(), Size)) : 0;
+  if (text) std::memcpy(field, text->data(), *length);
+}
+
+template <size_t Size>
+std::optional<std::string> text(const char (&field)[Size], uint32_t length, uint8_t present) {
+  if (present == 0) return std::nullopt;
+  return std::string(field, std::min<size_t>(length, Size));
+}
+
+// Stands in, inside the keeper, for the service in the monitor: each call goes up as a report,
+// and its reply comes back as an order (in the order the calls were made).
+class MonitorProxy final : public LDListenerHandoff {
+ public:
+  explicit MonitorProxy(int channel) : _channel(channel) {}
+
+  void requestListenerTransferWithProtocolVersion(int64_t protocolVersion, LDRequestReply reply,
+                                                  LDListenerConnection*) override {
+    LDKeeperReport report{};
+    report.kind = LDKeeperReportKind::request;
+    report.protocolVersion = protocolVersion;
+    _requests.push_back(std::move(reply));
+    (void)LDSendRecord(_channel, report);
+  }
+  void completeListenerTransferWithProtocolVersion(int64_t protocolVersion, const std::optional<std::string>& token,
+                                                   bool accepted, LDCompleteReply reply,
+                                                   LDListenerConnection*) override {
+    LDKeeperReport report{};
+    report.kind = LDKeeperReportKind::complete;
+    report.protocolVersion = protocolVersion;
+    report.accepted = accepted ? 1 : 0;
+    fill(report.token, &report.tokenLength, &report.tokenPresent, token);
+    _completions.push_back(std::move(reply));
+    (void)LDSendRecord(_channel, report);
+  }
+
+  void answer(const LDKeeperOrder& order, std::vector<LDFileHandle>& descriptors) {
+    const std::optional<std::string> message = text(order.message, order.messageLength, order.messagePresent);
+    if (order.kind == LDKeeperOrderKind::requestReply && !_requests.empty()) {
+      LDListenerHandle listeners[2];
+      size_t next = 0;
+      for (int bit = 0; bit < 2; ++bit) {
+        if ((order.handles & (1 << bit)) != 0 && next < descriptors.size()) {
+          listeners[bit] = std::make_shared<const LDFileHandle>(std::move(descriptors[next++]));
+        }
+      }
+      LDRequestReply reply = std::move(_requests.front());
+      _requests.pop_front();
+      reply(order.protocolVersion, order.status, text(order.token, order.tokenLength, order.tokenPresent),
+            listeners[0], listeners[1], order.helperProcessIdentifier, message);
+    } else if (order.kind == LDKeeperOrderKind::completeReply && !_completions.empty()) {
+      LDCompleteReply reply = std::move(_completions.front());
+      _completions.pop_front();
+      reply(order.protocolVersion, order.status, message);
+    }
+  }
+
+ private:
+  int _channel;
+  std::deque<LDRequestReply> _requests;
+  std::deque<LDCompleteReply> _completions;
+};
+
+}  // namespace
+
+const LDServiceListener::Calls LDServiceListener::kSystemCalls = {::accept4, ::fork, sendSignal};
+
+// --- The monitor's side of an admitted connection.
+
+void LDKeptConnection::order(const LDKeeperOrder& order, const std::vector<int>& descriptors) {
+  if (_closed) return;
+  // Orders are few (Hello, two replies, a barrier) and the keeper reads them at once; one that
+  // does not fit means the keeper is stuck, and the connection is over.
+  if (LDSendRecord(_channel, order, descriptors) != 0) {
+    _closed = true;
+    _broken();
+  }
+}
+
+void LDKeptConnection::activate() {
+  LDKeeperOrder activate{};
+  activate.kind = LDKeeperOrderKind::activate;
+  order(activate);
+}
+
+void LDKeptConnection::handle(const LDKeeperReport& report) {
+  if (_closed) return;
+  if (report.kind == LDKeeperReportKind::barrier) {
+    const auto found = _barriers.find(report.barrier);
+    if (found == _barriers.end()) return;
+    std::function<void()> barrier = std::move(found->second);
+    _barriers.erase(found);
+    barrier();  // may end the process
+    return;
+  }
+  if (!_exportedObject) return _broken();
+  if (report.kind == LDKeeperReportKind::request) {
+    _exportedObject->requestListenerTransferWithProtocolVersion(
+        report.protocolVersion,
+        [this](int64_t protocolVersion, int64_t status, const std::optional<std::string>& token,
+               const LDListenerHandle& ipv4Listener, const LDListenerHandle& ipv6Listener,
+               int32_t helperProcessIdentifier, const std::optional<std::string>& replyMessage) {
+          LDKeeperOrder reply{};
+          reply.kind = LDKeeperOrderKind::requestReply;
+          reply.protocolVersion = protocolVersion;
+          reply.status = status;
+          reply.helperProcessIdentifier = helperProcessIdentifier;
+          fill(reply.token, &reply.tokenLength, &reply.tokenPresent, token);
+          fill(reply.message, &reply.messageLength, &reply.messagePresent, replyMessage);
+          std::vector<int> descriptors;
+          if (ipv4Listener) {
+            reply.handles |= LDWireHandleIPv4;
+            descriptors.push_back(ipv4Listener->fileDescriptor());
+          }
+          if (ipv6Listener) {
+            reply.handles |= LDWireHandleIPv6;
+            descriptors.push_back(ipv6Listener->fileDescriptor());
+          }
+          order(reply, descriptors);
+        },
+        this);
+  } else if (report.kind == LDKeeperReportKind::complete) {
+    _exportedObject->completeListenerTransferWithProtocolVersion(
+        report.protocolVersion, text(report.token, report.tokenLength, report.tokenPresent), report.accepted != 0,
+        [this](int64_t protocolVersion, int64_t status, const std::optional<std::string>& replyMessage) {
+          LDKeeperOrder reply{};
+          reply.kind = LDKeeperOrderKind::completeReply;
+          reply.protocolVersion = protocolVersion;
+          reply.status = status;
+          fill(reply.message, &reply.messageLength, &reply.messagePresent, replyMessage);
+          order(reply);
+        },
+        this);
+  }
+}
+
+void LDKeptConnection::scheduleSendBarrierBlock(std::function<void()> barrier) {
+  if (_closed) return;  // a broken connection never runs its barrier
+  const uint64_t identifier = _nextBarrier++;
+  _barriers.emplace(identifier, std::move(barrier));
+  LDKeeperOrder order{};
+  order.kind = LDKeeperOrderKind::barrier;
+  order.barrier = identifier;
+  this->order(order);
+}
+
+// --- The listener, in the monitor.
 
 LDServiceListener::LDServiceListener(LDFileHandle listeningSocket, LDRunLoop& runLoop,
                                      const LDTrustAnchors& anchors)
@@ -12,7 +179,12 @@ LDServiceListener::LDServiceListener(LDFileHandle listeningSocket, LDRunLoop& ru
 
 LDServiceListener::~LDServiceListener() {
   if (_accepting) _runLoop.unwatch(_socket.fileDescriptor());
-  for (const auto& [serial, admission] : _admissions) _runLoop.unwatch(admission.worker.exitDescriptor());
+  for (auto& [serial, keeper] : _keepers) {
+    _runLoop.unwatch(keeper.channel.fileDescriptor());
+    _runLoop.unwatch(keeper.pidfd.fileDescriptor());
+    keeper.channel.reset();
+    (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
+  }
 }
 
 void LDServiceListener::setConnectionCodeSigningRequirement(const std::string& requirement) {
@@ -28,18 +200,26 @@ bool LDServiceListener::activate(int* errorNumber) {
       return LDExaminePeer(socket, peer, acceptedAfter, *_requirement, _anchors, _policy, &reason, inspected);
     };
   }
-  _accepting = _runLoop.watch(_socket.fileDescriptor(), EPOLLIN, [this](uint32_t) { acceptConnections(); },
-                              errorNumber);
+  int ignored = 0;
+  int* failure = errorNumber ? errorNumber : &ignored;
+  // Connections accepted from now on refuse descriptors at the sender, where the kernel can.
+  if (!LDRefuseDescriptors(_socket.fileDescriptor())) {
+    *failure = errno;
+    return false;
+  }
+  _zygote = LDKeeperZygote::start([this](LDKeeperStart& start) { serveInKeeper(start); }, _calls->fork, failure);
+  if (!_zygote) return false;
+  _accepting = _runLoop.watch(_socket.fileDescriptor(), EPOLLIN, [this](uint32_t) { acceptConnections(); }, failure);
   return _accepting;
 }
 
 void LDServiceListener::acceptConnections() {
-  while (!_workersUnendable && _connections.size() + _admissions.size() < kMaximumConnections) {
+  while (!_keepersUnendable && _keepers.size() < kMaximumConnections) {
     const uint64_t acceptedAfter = LDBootTimeTicks();
-    const int accepted = _accept(_socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int accepted = _calls->accept(_socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     const int failure = accepted >= 0 ? 0 : errno;
     if (accepted >= 0) {
-      startAdmission(LDFileHandle(accepted), acceptedAfter);
+      startKeeper(LDFileHandle(accepted), acceptedAfter);
     } else if (failure == EAGAIN) {
       return;
     } else if (failure != EINTR && failure != ECONNABORTED) {
@@ -58,101 +238,233 @@ void LDServiceListener::acceptConnections() {
   _runLoop.modify(_socket.fileDescriptor(), 0);
 }
 
-void LDServiceListener::startAdmission(LDFileHandle socket, uint64_t acceptedAfter) {
+// A socket that may carry what the peer put in flight is never closed here for the last time.
+void LDServiceListener::keepUntilExit(LDFileHandle socket) {
+  (void)::shutdown(socket.fileDescriptor(), SHUT_RDWR);
+  _unreleased.push_back(std::move(socket));
+  // Held by nobody else, each is a descriptor gone for good: a few are a fork failing now and
+  // then; many mean the helper cannot work, and a fresh one is what systemd will start.
+  if (_unreleased.size() >= kMaximumConnections && _terminate) std::exchange(_terminate, nullptr)(1);
+}
+
+void LDServiceListener::startKeeper(LDFileHandle socket, uint64_t acceptedAfter) {
   std::string reason;
   std::optional<LDPinnedPeer> peer = LDPinPeer(socket.fileDescriptor(), _policy, &reason);
-  if (!peer) return;  // closed without a reply
-  const int fd = socket.fileDescriptor();
-  int errorNumber = 0;
-  std::optional<LDAdmissionWorker> worker = LDAdmissionWorker::start(
-      [&](const std::function<void()>& inspected) { return _examination(fd, *peer, acceptedAfter, inspected); },
-      {fd, peer->pidfd.fileDescriptor(), peer->processDirectory.fileDescriptor()}, *_workerCalls, &errorNumber);
-  if (!worker) return;  // no worker, no admission: the peer is closed and may try again
-  const uint64_t serial = _nextSerial++;
-  const int64_t started = LDRunLoop::now();
-  Admission& admission =
-      _admissions.emplace(serial, Admission{std::move(socket), std::move(*peer), std::move(*worker)}).first->second;
-  if (!_runLoop.watch(admission.worker.exitDescriptor(), EPOLLIN, [this, serial](uint32_t) { workerExited(serial); })) {
-    _admissions.erase(serial);  // kills the worker
+  int pair[2];
+  if (!peer || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return keepUntilExit(std::move(socket));
+  LDFileHandle channel(pair[0]);
+  LDKeeperStart start;
+  start.socket = std::move(socket);
+  start.peer = std::move(*peer);
+  start.acceptedAfter = acceptedAfter;
+  start.channel.reset(pair[1]);
+  std::optional<LDKeeperZygote::Keeper> spawned = _zygote->spawn(start);
+  if (!spawned) {
+    keepUntilExit(std::move(start.socket));
+    // A zygote that is gone makes no more keepers: nobody can be admitted any more.
+    if (!_zygote->isAlive() && _terminate) std::exchange(_terminate, nullptr)(1);
     return;
   }
-  admission.timer = _runLoop.runAt(started + _timing.inspection, [this, serial, started] {
-    const auto found = _admissions.find(serial);
-    if (found == _admissions.end()) return;
-    if (!found->second.worker.inspected()) return abandon(serial);
-    found->second.timer = _runLoop.runAt(started + _timing.admission, [this, serial] { abandon(serial); });
+  // The keeper holds its own copies now, so none of these closes is the last.
+  start = LDKeeperStart{};
+  const uint64_t serial = _nextSerial++;
+  Keeper& keeper = _keepers[serial];
+  keeper.channel = std::move(channel);
+  keeper.pidfd = std::move(spawned->pidfd);
+  if (!_runLoop.watch(keeper.pidfd.fileDescriptor(), EPOLLIN, [this, serial](uint32_t) { exited(serial); })) {
+    (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
+    _keepers.erase(serial);  // abandoned: it dies, and the zygote reaps it
+    return;
+  }
+  if (!_runLoop.watch(keeper.channel.fileDescriptor(), EPOLLIN, [this, serial](uint32_t) { reports(serial); })) {
+    return end(serial);
+  }
+  const int64_t started = LDRunLoop::now();
+  keeper.timer = _runLoop.runAt(started + _timing.inspection, [this, serial, started] {
+    Keeper& found = _keepers.at(serial);
+    if (!found.inspected) return end(serial);
+    found.timer = _runLoop.runAt(started + _timing.admission, [this, serial] { end(serial); });
   });
 }
 
-void LDServiceListener::abandon(uint64_t serial) {
-  Admission& admission = _admissions.at(serial);
-  admission.abandoned = true;
-  // The worker holds a copy of the socket: shut down, the peer learns at once that it is dropped.
-  (void)::shutdown(admission.socket.fileDescriptor(), SHUT_RDWR);
-  admission.socket.reset();
-  (void)admission.worker.kill();
-  admission.timer = _runLoop.runAt(LDRunLoop::now() + _timing.killedWorker, [this] {
-    // Still not reaped: SIGKILL did not end it, so no admission can be relied on to end.
-    _workersUnendable = true;
+void LDServiceListener::reports(uint64_t serial) {
+  for (;;) {
+    const auto found = _keepers.find(serial);
+    if (found == _keepers.end() || found->second.ending) return;
+    LDKeeperReport next{};
+    bool ended = false;
+    if (!LDReceiveRecord(found->second.channel.fileDescriptor(), &next, &ended)) {
+      if (ended) end(serial);
+      return;
+    }
+    report(serial, next);
+  }
+}
+
+void LDServiceListener::report(uint64_t serial, const LDKeeperReport& report) {
+  Keeper& keeper = _keepers.at(serial);
+  switch (report.kind) {
+    case LDKeeperReportKind::inspected:
+      keeper.inspected = true;
+      return;
+    case LDKeeperReportKind::admitted:
+      if (keeper.connection) return end(serial);
+      return admitted(serial, report);
+    case LDKeeperReportKind::checking:
+      if (!keeper.connection) return end(serial);
+      _runLoop.cancel(keeper.timer);
+      keeper.timer = _runLoop.runAt(LDRunLoop::now() + _timing.messageCheck, [this, serial] { end(serial); });
+      return;
+    case LDKeeperReportKind::request:
+    case LDKeeperReportKind::complete:
+    case LDKeeperReportKind::barrier:
+      if (!keeper.connection) return end(serial);
+      if (report.kind != LDKeeperReportKind::barrier) _runLoop.cancel(keeper.timer);
+      keeper.connection->handle(report);  // may end the process
+      return;
+    default:  // refused, closed, or anything else
+      return end(serial);
+  }
+}
+
+void LDServiceListener::admitted(uint64_t serial, const LDKeeperReport& report) {
+  Keeper& keeper = _keepers.at(serial);
+  _runLoop.cancel(keeper.timer);
+  keeper.timer = _runLoop.runAt(LDRunLoop::now() + kConnectionLifetimeNanoseconds, [this, serial] { end(serial); });
+  if (report.recordable != 0 && _requirement && !_policy.verifiedExecutables.empty()) {
+    if (const auto records = LDVerifiedExecutableRecords::open(_policy.verifiedExecutables, _anchors, *_requirement,
+                                                               _policy.recordSettling)) {
+      records->record(report.before, report.after);
+    }
+  }
+  keeper.connection = std::make_unique<LDKeptConnection>(keeper.channel.fileDescriptor(), [this, serial] {
+    // Not from inside the connection's own call: ended on the next turn of the loop.
+    _runLoop.runAt(LDRunLoop::now(), [this, serial] {
+      if (_keepers.count(serial) != 0) end(serial);
+    });
+  });
+  if (!_delegate || !_delegate->listener(*this, *keeper.connection)) end(serial);
+}
+
+void LDServiceListener::end(uint64_t serial) {
+  Keeper& keeper = _keepers.at(serial);
+  if (keeper.ending) return;
+  keeper.ending = true;
+  if (keeper.connection) keeper.connection->close();
+  _runLoop.cancel(keeper.timer);
+  _runLoop.unwatch(keeper.channel.fileDescriptor());
+  keeper.channel.reset();
+  // The keeper holds the peer's socket; dying is how it lets go of it, its linger skipped.
+  (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
+  keeper.timer = _runLoop.runAt(LDRunLoop::now() + _timing.killedKeeper, [this] {
+    // Still there: SIGKILL did not end it, so no admission can be relied on to end.
+    _keepersUnendable = true;
     _runLoop.modify(_socket.fileDescriptor(), 0);
     endIfAdmissionsCannotEnd();
   });
 }
 
-void LDServiceListener::workerExited(uint64_t serial) {
-  const auto found = _admissions.find(serial);
-  _runLoop.unwatch(found->second.worker.exitDescriptor());
+void LDServiceListener::exited(uint64_t serial) {
+  const auto found = _keepers.find(serial);
+  if (found == _keepers.end()) return;
+  if (!found->second.ending) end(serial);  // a keeper never exits by itself: its connection is over
+  _runLoop.unwatch(found->second.pidfd.fileDescriptor());
   _runLoop.cancel(found->second.timer);
-  Admission admission = std::move(found->second);
-  _admissions.erase(found);
-  std::optional<LDPeerVerdict> verdict = admission.worker.finish();
+  // Destroyed on the next turn: this may run inside a call of its connection's.
+  std::unique_ptr<LDKeptConnection> connection = std::move(found->second.connection);
+  _keepers.erase(found);
+  if (connection) _runLoop.runAt(LDRunLoop::now(), [kept = std::shared_ptr<LDKeptConnection>(std::move(connection))] {});
   updateAccepting();
-  if (admission.abandoned || !verdict) return;  // a refused peer is closed without a reply
-  LDAdmittedPeer peer;
-  peer.pid = admission.peer.pid;
-  peer.uid = admission.peer.uid;
-  peer.pidfd = std::move(admission.peer.pidfd);
-  peer.processDirectory = std::move(admission.peer.processDirectory);
-  peer.verdict = *verdict;
-  admitted(serial, std::move(peer), std::move(admission.socket));
-}
-
-void LDServiceListener::admitted(uint64_t serial, LDAdmittedPeer peer, LDFileHandle socket) {
-  // A client speaks only after Hello; anything already waiting was sent before it.
-  char probe;
-  if (::recv(socket.fileDescriptor(), &probe, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno != EAGAIN) return;
-  auto connection = std::make_unique<LDHelperConnection>(
-      std::move(socket), std::move(peer), _runLoop,
-      [this, serial](LDHelperConnection&, const std::string&) { closed(serial); });
-  connection->setMessageCheckDeadline(_timing.messageCheck);
-  LDHelperConnection& admittedConnection = *connection;
-  _connections.emplace(serial, std::move(connection));
-  _runLoop.runAt(LDRunLoop::now() + kConnectionLifetimeNanoseconds, [this, serial] {
-    const auto open = _connections.find(serial);
-    if (open != _connections.end()) open->second->invalidate("the connection outlived its time");
-  });
-  if (!_delegate || !_delegate->listener(*this, admittedConnection)) admittedConnection.invalidate("not accepted");
-}
-
-void LDServiceListener::closed(uint64_t serial) {
-  // Destroyed on the next turn of the loop: the connection may still be on the stack.
-  _runLoop.runAt(LDRunLoop::now(), [this, serial] {
-    _connections.erase(serial);
-    updateAccepting();
-    endIfAdmissionsCannotEnd();
-  });
+  endIfAdmissionsCannotEnd();
 }
 
 // Once admissions cannot be relied on to end, the helper ends with the last connection.
 void LDServiceListener::endIfAdmissionsCannotEnd() {
-  if (_workersUnendable && _connections.empty() && _terminate) std::exchange(_terminate, nullptr)(1);
+  if (!_keepersUnendable || !_terminate) return;
+  const bool connectionLeft = std::any_of(_keepers.begin(), _keepers.end(),
+                                          [](const auto& entry) { return entry.second.connection && !entry.second.ending; });
+  if (!connectionLeft) std::exchange(_terminate, nullptr)(1);
 }
 
 void LDServiceListener::updateAccepting() {
-  if (_accepting && !_acceptPaused && !_workersUnendable) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
+  if (_accepting && !_acceptPaused && !_keepersUnendable) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
 }
 
-bool LDListenerServiceDelegate::listener(LDServiceListener&, LDHelperConnection& shouldAcceptNewConnection) {
+// --- In the keeper: examine the peer, then serve its connection for the monitor.
+
+void LDServiceListener::serveInKeeper(LDKeeperStart& start) {
+  const int channel = start.channel.fileDescriptor();
+  const int socket = start.socket.fileDescriptor();
+  const auto say = [channel](const LDKeeperReport& report) { (void)LDSendRecord(channel, report); };
+  const auto sayKind = [&say](LDKeeperReportKind kind) {
+    LDKeeperReport report{};
+    report.kind = kind;
+    say(report);
+  };
+  std::optional<LDPeerVerdict> verdict =
+      _examination(socket, start.peer, start.acceptedAfter, [&] { sayKind(LDKeeperReportKind::inspected); });
+  // A client speaks only after Hello; anything already waiting was sent before it.
+  char probe;
+  if (!verdict || ::recv(socket, &probe, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno != EAGAIN) {
+    (void)::shutdown(socket, SHUT_RDWR);  // the peer learns at once; nothing in flight is released
+    return sayKind(LDKeeperReportKind::refused);
+  }
+  LDKeeperReport admitted{};
+  admitted.kind = LDKeeperReportKind::admitted;
+  admitted.executable = verdict->executable;
+  admitted.hasGroup = verdict->applicationGroup ? 1 : 0;
+  admitted.group = verdict->applicationGroup.value_or(0);
+  if (verdict->verified) {
+    admitted.recordable = 1;
+    admitted.before = verdict->verified->before;
+    admitted.after = verdict->verified->after;
+  }
+  say(admitted);
+
+  LDRunLoop loop;
+  LDAdmittedPeer peer;
+  peer.pid = start.peer.pid;
+  peer.uid = start.peer.uid;
+  peer.pidfd = std::move(start.peer.pidfd);
+  peer.processDirectory = std::move(start.peer.processDirectory);
+  peer.verdict = *verdict;
+  // The connection closes a copy; the original stays with the keeper until it dies.
+  LDHelperConnection connection(LDFileHandle(::fcntl(socket, F_DUPFD_CLOEXEC, 3)), std::move(peer), loop,
+                                [&](LDHelperConnection&, const std::string&) {
+                                  (void)::shutdown(socket, SHUT_RDWR);
+                                  sayKind(LDKeeperReportKind::closed);
+                                  loop.stop();
+                                });
+  auto proxy = std::make_shared<MonitorProxy>(channel);
+  connection.setExportedObject(proxy);
+  connection.setMessageCheckBegins([&] { sayKind(LDKeeperReportKind::checking); });
+  const bool watching = loop.watch(channel, EPOLLIN, [&](uint32_t) {
+    for (;;) {
+      LDKeeperOrder order{};
+      std::vector<LDFileHandle> descriptors;
+      bool ended = false;
+      if (!LDReceiveRecord(channel, &order, &descriptors, &ended)) {
+        if (ended) loop.stop();
+        return;
+      }
+      if (order.kind == LDKeeperOrderKind::activate) {
+        connection.activate();
+      } else if (order.kind == LDKeeperOrderKind::barrier) {
+        connection.scheduleSendBarrierBlock([&say, identifier = order.barrier] {
+          LDKeeperReport done{};
+          done.kind = LDKeeperReportKind::barrier;
+          done.barrier = identifier;
+          say(done);
+        });
+      } else {
+        proxy->answer(order, descriptors);
+      }
+    }
+  });
+  if (watching) (void)loop.run();
+}
+
+bool LDListenerServiceDelegate::listener(LDServiceListener&, LDKeptConnection& shouldAcceptNewConnection) {
   shouldAcceptNewConnection.setExportedObject(_service);
   shouldAcceptNewConnection.activate();
   return true;

@@ -2,13 +2,16 @@
 
 // The helper's listener on its AF_UNIX SOCK_SEQPACKET socket: accepts, admits each peer by the
 // code signature of its executable before reading anything from it, and offers admitted
-// connections to its delegate. Peers that fail are closed without a word.
+// connections to its delegate. Peers that fail are dropped without a word.
 //
-// Each peer is examined in a worker process of its own (admission_worker.h), so a peer that is
-// costly to look at delays nobody else, and one that is not done in time is dropped and its
-// worker killed. Its slot comes back when the worker is reaped. Should a killed worker not die,
-// the listener stops accepting and, once no connection is left, ends the helper with 1, so that
-// systemd starts a fresh one for whoever waits.
+// The listener runs in the helper's root process, the monitor, which never waits on anything a
+// peer controls: each accepted peer goes at once to a keeper process of its own (peer_keeper.h),
+// which examines it, and, once it is admitted, receives its messages and sends the monitor's
+// replies. A keeper not past the checks that can wait on the peer in time, not admitted in time,
+// or whose check of a later message does not finish in time, is killed, and its connection with
+// it. Its slot comes back when it has exited. Should a killed keeper not exit, the listener stops
+// accepting and, once no connection is left, asks for the helper to end with 1, so that systemd
+// starts a fresh one for whoever waits.
 
 #include <sys/socket.h>
 
@@ -17,24 +20,55 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "helper/helper_connection.h"
-#include "platform/admission_worker.h"
+#include "helper/listener_handoff.h"
+#include "helper/peer_keeper.h"
 #include "platform/run_loop.h"
 #include "signing/code_signing.h"
 
 class LDServiceListener;
 
+// The monitor's side of one admitted connection: calls arrive as the keeper's reports, replies
+// and barriers leave as orders to it.
+class LDKeptConnection final : public LDListenerConnection {
+ public:
+  // broken: the channel to the keeper failed; the connection is to be ended.
+  LDKeptConnection(int channel, std::function<void()> broken) : _channel(channel), _broken(std::move(broken)) {}
+
+  void setExportedObject(std::shared_ptr<LDListenerHandoff> exportedObject) {
+    _exportedObject = std::move(exportedObject);
+  }
+  // Has the keeper send Hello and start serving calls.
+  void activate();
+  // A request, completion or barrier report of the keeper.
+  void handle(const LDKeeperReport& report);
+  // Nothing more is sent; barriers never run.
+  void close() { _closed = true; }
+
+  void scheduleSendBarrierBlock(std::function<void()> barrier) override;
+
+ private:
+  void order(const LDKeeperOrder& order, const std::vector<int>& descriptors = {});
+
+  int _channel;  // owned by the listener
+  std::function<void()> _broken;
+  std::shared_ptr<LDListenerHandoff> _exportedObject;
+  std::map<uint64_t, std::function<void()>> _barriers;
+  uint64_t _nextBarrier = 1;
+  bool _closed = false;
+};
+
 class LDServiceListenerDelegate {
  public:
   virtual ~LDServiceListenerDelegate() = default;
-  virtual bool listener(LDServiceListener& listener, LDHelperConnection& shouldAcceptNewConnection) = 0;
+  virtual bool listener(LDServiceListener& listener, LDKeptConnection& shouldAcceptNewConnection) = 0;
 };
 
 class LDServiceListener {
  public:
-  // Connections being admitted or served at once, killed workers not yet reaped included; more
-  // wait in the kernel's backlog.
+  // Keepers alive at once, killed ones not yet exited included; more peers wait in the kernel's
+  // backlog.
   static constexpr size_t kMaximumConnections = 16;
   // A connection is dropped if it has not finished its business by then.
   static constexpr int64_t kConnectionLifetimeNanoseconds = 30'000'000'000;
@@ -45,19 +79,25 @@ class LDServiceListener {
     int64_t inspection = 500'000'000;
     // A peer not admitted by then is dropped (hashing a 128 MiB client takes about 0.1 s).
     int64_t admission = 5'000'000'000;
-    // A killed worker not reaped by then will not die: admissions can no longer be ended.
-    int64_t killedWorker = 1'000'000'000;
+    // The check of each later message (its sender still the admitted process) by then.
+    int64_t messageCheck = 2'000'000'000;
+    // A killed keeper not exited by then will not die: admissions can no longer be ended.
+    int64_t killedKeeper = 1'000'000'000;
     // How long accepting rests after the helper ran out of descriptors.
     int64_t acceptRetry = 100'000'000;
-    // The check of an admitted peer's message (see LDHelperConnection).
-    int64_t messageCheck = LDHelperConnection::kMessageCheckDeadlineNanoseconds;
   };
 
-  // The examination of one peer, run in its worker. The default is LDExaminePeer with the
+  // The examination of one peer, run in its keeper. The default is LDExaminePeer with the
   // requirement and policy set below.
   using Examination = std::function<std::optional<LDPeerVerdict>(
       int socket, const LDPinnedPeer& peer, uint64_t acceptedAfter, const std::function<void()>& inspected)>;
-  using Accept = int (*)(int socket, sockaddr* address, socklen_t* length, int flags);
+  // The calls that start and end keepers, replaceable so that a test can make them fail.
+  struct Calls {
+    int (*accept)(int socket, sockaddr* address, socklen_t* length, int flags);
+    pid_t (*fork)();                     // in the zygote, for each keeper
+    int (*kill)(int pidfd, int signal);  // pidfd_send_signal
+  };
+  static const Calls kSystemCalls;
 
   LDServiceListener(LDFileHandle listeningSocket, LDRunLoop& runLoop,
                     const LDTrustAnchors& anchors = LDTrustAnchors::compiledIn());
@@ -68,35 +108,38 @@ class LDServiceListener {
   void setAdmissionPolicy(const LDAdmissionPolicy& policy) { _policy = policy; }
   void setExamination(Examination examination) { _examination = std::move(examination); }
   void setTiming(const Timing& timing) { _timing = timing; }
-  // Replaceable so that a test can make them fail.
-  void setSystemCalls(Accept accept, const LDAdmissionWorker::Calls& workerCalls) {
-    _accept = accept;
-    _workerCalls = &workerCalls;
-  }
-  // Called once, with 1, when admissions can no longer be ended and no connection is left.
+  void setSystemCalls(const Calls& calls) { _calls = &calls; }
+  // Called once, with 1, when admissions can no longer be ended and no connection is left, or
+  // when no more keepers can be made.
   void setTerminate(std::function<void(int status)> terminate) { _terminate = std::move(terminate); }
   // Not owned: the caller keeps the delegate alive.
   void setDelegate(LDServiceListenerDelegate* delegate) { _delegate = delegate; }
-  // Starts accepting; false with *errorNumber when the socket cannot be watched.
+  // Forks the keepers' zygote and starts accepting: call before any thread starts, after
+  // everything above but the delegate and the terminate callback is set. False with
+  // *errorNumber when the zygote cannot be made or the socket cannot be watched.
   bool activate(int* errorNumber = nullptr);
 
  private:
-  struct Admission {
-    LDFileHandle socket;  // closed (and the peer dropped) when the admission is abandoned
-    LDPinnedPeer peer;
-    LDAdmissionWorker worker;
+  struct Keeper {
+    LDFileHandle channel;  // the monitor's end
+    LDFileHandle pidfd;
     uint64_t timer = 0;
-    bool abandoned = false;
+    bool inspected = false;
+    bool ending = false;
+    std::unique_ptr<LDKeptConnection> connection;
   };
 
   void acceptConnections();
-  void startAdmission(LDFileHandle socket, uint64_t acceptedAfter);
-  void abandon(uint64_t serial);
-  void workerExited(uint64_t serial);
-  void admitted(uint64_t serial, LDAdmittedPeer peer, LDFileHandle socket);
-  void closed(uint64_t serial);
+  void startKeeper(LDFileHandle socket, uint64_t acceptedAfter);
+  void reports(uint64_t serial);
+  void report(uint64_t serial, const LDKeeperReport& report);
+  void admitted(uint64_t serial, const LDKeeperReport& report);
+  void end(uint64_t serial);
+  void exited(uint64_t serial);
   void updateAccepting();
   void endIfAdmissionsCannotEnd();
+  void keepUntilExit(LDFileHandle socket);
+  void serveInKeeper(LDKeeperStart& start);
 
   LDFileHandle _socket;
   LDRunLoop& _runLoop;
@@ -105,16 +148,18 @@ class LDServiceListener {
   LDAdmissionPolicy _policy;
   Examination _examination;
   Timing _timing;
-  Accept _accept = ::accept4;
-  const LDAdmissionWorker::Calls* _workerCalls = &LDAdmissionWorker::kSystemCalls;
+  const Calls* _calls = &kSystemCalls;
   std::function<void(int)> _terminate;
   LDServiceListenerDelegate* _delegate = nullptr;
-  std::map<uint64_t, Admission> _admissions;                              // by serial number
-  std::map<uint64_t, std::unique_ptr<LDHelperConnection>> _connections;  // by serial number
+  std::optional<LDKeeperZygote> _zygote;
+  std::map<uint64_t, Keeper> _keepers;  // by serial number
+  // Peers' sockets that no keeper could be made for: closing them here could be the last
+  // reference, so they stay open until the helper exits.
+  std::vector<LDFileHandle> _unreleased;
   uint64_t _nextSerial = 1;
   bool _accepting = false;
   bool _acceptPaused = false;  // out of descriptors: resting until the retry timer
-  bool _workersUnendable = false;
+  bool _keepersUnendable = false;
 };
 
 // Accepts every admitted connection and exports the one service on it.
@@ -122,7 +167,7 @@ class LDListenerServiceDelegate final : public LDServiceListenerDelegate {
  public:
   explicit LDListenerServiceDelegate(std::shared_ptr<LDListenerHandoff> service)
       : _service(std::move(service)) {}
-  bool listener(LDServiceListener& listener, LDHelperConnection& shouldAcceptNewConnection) override;
+  bool listener(LDServiceListener& listener, LDKeptConnection& shouldAcceptNewConnection) override;
 
  private:
   std::shared_ptr<LDListenerHandoff> _service;

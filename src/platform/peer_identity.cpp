@@ -16,7 +16,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/verified_executable_records.h"
+#include "platform/parser_sandbox.h"
 
 namespace {
 
@@ -130,6 +130,12 @@ std::string executableProblem(int processDirectory, const LDExecutableFile& exec
 
 }  // namespace
 
+bool LDRefuseDescriptors(int socket) {
+  constexpr int kSoPassRights = 83;  // Linux 6.16
+  const int off = 0;
+  return ::setsockopt(socket, SOL_SOCKET, kSoPassRights, &off, sizeof off) == 0 || errno == ENOPROTOOPT;
+}
+
 uint64_t LDBootTimeTicks() {
   timespec now{};
   ::clock_gettime(CLOCK_BOOTTIME, &now);
@@ -148,6 +154,10 @@ std::optional<LDPinnedPeer> LDPinPeer(int socket, const LDAdmissionPolicy& polic
   const int on = 1;
   if (::setsockopt(socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) {
     *reason = std::string("SO_PASSCRED: ") + std::strerror(errno);
+    return std::nullopt;
+  }
+  if (!LDRefuseDescriptors(socket)) {
+    *reason = std::string("SO_PASSRIGHTS: ") + std::strerror(errno);
     return std::nullopt;
   }
   LDPinnedPeer peer;
@@ -220,7 +230,7 @@ std::string inspectionProblem(const LDPinnedPeer& peer, uint64_t acceptedAfter, 
 // this very version of it passed before), and the descriptor scan.
 std::string verificationProblem(int socket, const LDPinnedPeer& peer, const LDExecutableFile& executable,
                                 const LDRequirement& requirement, const LDTrustAnchors& anchors,
-                                const LDAdmissionPolicy& policy) {
+                                const LDAdmissionPolicy& policy, std::optional<LDVerifiedVersion>* verified) {
   // Opened for reading through the O_PATH descriptor, so it is the very file looked at above.
   const std::string reopen = "/proc/self/fd/" + std::to_string(executable.path.fileDescriptor());
   LDFileHandle contents(::open(reopen.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
@@ -234,9 +244,11 @@ std::string verificationProblem(int socket, const LDPinnedPeer& peer, const LDEx
           ? std::nullopt
           : LDVerifiedExecutableRecords::open(policy.verifiedExecutables, anchors, requirement, policy.recordSettling);
   std::string detail;
-  const int32_t verified = LDCheckSignatureWithRecords(contents.fileDescriptor(), requirement, anchors,
-                                                       records ? &*records : nullptr, &detail);
-  if (verified != 0) return "signature (OSStatus " + std::to_string(verified) + "): " + detail;
+  const int32_t status = LDCheckSignatureWithRecords(
+      contents.fileDescriptor(), records ? &*records : nullptr,
+      [&](int fd, std::string* why) { return LDCheckSignatureInSandbox(fd, requirement, anchors, why); }, &detail,
+      verified);
+  if (status != 0) return "signature (OSStatus " + std::to_string(status) + "): " + detail;
   // Last, as it is the costliest for a peer with many descriptors: a socket that crossed an exec
   // cannot be close-on-exec, so a connection made by one program cannot pass for one made by
   // the signed program it exec'd.
@@ -261,9 +273,9 @@ std::optional<LDPeerVerdict> LDExaminePeer(int socket, const LDPinnedPeer& peer,
   *reason = inspectionProblem(peer, acceptedAfter, policy, &executable);
   if (!reason->empty()) return std::nullopt;
   if (inspected) inspected();
-  *reason = verificationProblem(socket, peer, *executable, requirement, anchors, policy);
-  if (!reason->empty()) return std::nullopt;
   LDPeerVerdict verdict;
+  *reason = verificationProblem(socket, peer, *executable, requirement, anchors, policy, &verdict.verified);
+  if (!reason->empty()) return std::nullopt;
   verdict.executable = executable->identity();
   if (policy.requireSecureExecution) verdict.applicationGroup = executable->group;
   return verdict;

@@ -9,7 +9,7 @@
 // those reads wait for as long as the peer is inside an exec: a process that execs with a
 // close-on-exec file of a FUSE server that never answers stays there, and with it every reader of
 // its stat, exe, ns/user and auxv. So the examination runs in a worker process that the helper
-// can kill (admission_worker.h).
+// can kill (helper/peer_keeper.h).
 
 #include <sys/types.h>
 
@@ -19,6 +19,7 @@
 #include <string>
 
 #include "platform/process_inspection.h"
+#include "platform/verified_executable_records.h"
 #include "shared/file_handle.h"
 #include "signing/code_signing.h"
 
@@ -53,6 +54,8 @@ struct LDPinnedPeer {
 struct LDPeerVerdict {
   LDExecutableIdentity executable;
   std::optional<gid_t> applicationGroup;
+  // Set when the signature was verified in full and records are kept: the version to record.
+  std::optional<LDVerifiedVersion> verified;
 };
 
 struct LDAdmittedPeer {
@@ -63,12 +66,18 @@ struct LDAdmittedPeer {
   LDPeerVerdict verdict;
 };
 
+// Turns SO_PASSRIGHTS off (Linux 6.16): a descriptor sent to this socket, or to a connection
+// accepted from it later, is refused at the sender's sendmsg. True also on kernels without the
+// option; there, descriptors already queued or sent later reach the socket, which is why only a
+// keeper ever receives from a peer or drops its socket (peer_keeper.h).
+bool LDRefuseDescriptors(int socket);
+
 // CLOCK_BOOTTIME in clock ticks, the unit of a process's start time. Read it before accept: a
 // process that started later cannot be the one that connected.
 uint64_t LDBootTimeTicks();
 
-// The peer's credentials, pidfd and /proc directory, and SO_PASSCRED turned on so that every later
-// message names its sender. Nothing here waits on the peer. Nothing and *reason on failure.
+// The peer's credentials, pidfd and /proc directory, SO_PASSCRED turned on so that every later
+// message names its sender, and SO_PASSRIGHTS off. Nothing here waits on the peer. Nothing and *reason on failure.
 std::optional<LDPinnedPeer> LDPinPeer(int socket, const LDAdmissionPolicy& policy, std::string* reason);
 
 // Every check that reads the peer's /proc files or its executable, cheapest first: its groups
@@ -76,8 +85,9 @@ std::optional<LDPinnedPeer> LDPinPeer(int socket, const LDAdmissionPolicy& polic
 // secure execution, executable and mount, descriptor count; then, after `inspected`, the
 // signature against the requirement and the close-on-exec scan of the peer's copies of socket.
 // `inspected` is called once every check before the signature has passed, that is once no more
-// waiting on the peer's exec is to be expected. acceptedAfter is an LDBootTimeTicks reading from
-// before the accept. Reads nothing from the socket.
+// waiting on the peer's exec is to be expected. The signature itself is read in a child without
+// privileges (parser_sandbox.h) unless a record stands in for it. acceptedAfter is an
+// LDBootTimeTicks reading from before the accept. Reads nothing from the socket.
 std::optional<LDPeerVerdict> LDExaminePeer(int socket, const LDPinnedPeer& peer, uint64_t acceptedAfter,
                                            const LDRequirement& requirement, const LDTrustAnchors& anchors,
                                            const LDAdmissionPolicy& policy, std::string* reason,

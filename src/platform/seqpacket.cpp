@@ -13,7 +13,7 @@ constexpr int kScmPidfd = 0x04;  // SCM_PIDFD, missing from older headers
 }  // namespace
 
 LDReceiveResult LDReceivePacket(int fd, size_t maximumSize, LDReceivedPacket* packet,
-                                int* errorNumber) {
+                                int* errorNumber, size_t maximumDescriptors) {
   packet->bytes.assign(maximumSize, '\0');
   packet->descriptors.clear();
   packet->credentials.reset();
@@ -24,7 +24,10 @@ LDReceiveResult LDReceivePacket(int fd, size_t maximumSize, LDReceivedPacket* pa
   header.msg_iov = &vector;
   header.msg_iovlen = 1;
   header.msg_control = control;
-  header.msg_controllen = sizeof control;
+  header.msg_controllen = maximumDescriptors == 0 ? CMSG_SPACE(sizeof(ucred))
+                          : maximumDescriptors >= kMaximumDescriptors
+                              ? sizeof control
+                              : CMSG_SPACE(sizeof(int) * maximumDescriptors) + CMSG_SPACE(sizeof(ucred));
   ssize_t received;
   do {
     received = ::recvmsg(fd, &header, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);

@@ -28,8 +28,11 @@ enum class LDReceiveResult {
 };
 
 // maximumSize is the largest packet accepted; a larger one is reported as truncated.
+// maximumDescriptors bounds the descriptors taken from a packet; with 0 the control buffer has room
+// for credentials alone, so the kernel installs none of a peer's descriptors here (it drops them,
+// and the packet is reported as truncated).
 LDReceiveResult LDReceivePacket(int fd, size_t maximumSize, LDReceivedPacket* packet,
-                                int* errorNumber);
+                                int* errorNumber, size_t maximumDescriptors = 8);
 
 // Sends one packet with the descriptors (SCM_RIGHTS) in order. MSG_NOSIGNAL always; MSG_DONTWAIT
 // when asked. Returns 0, or the errno (EAGAIN when a non-blocking send would block).

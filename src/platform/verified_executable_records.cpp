@@ -233,17 +233,17 @@ void LDVerifiedExecutableRecords::record(const LDFileVersion& before, const LDFi
   if (linkRecord() == EEXIST && ::unlinkat(directory, name.c_str(), 0) == 0) (void)linkRecord();
 }
 
-int32_t LDCheckSignatureWithRecords(int fd, const LDRequirement& requirement, const LDTrustAnchors& anchors,
-                                    const LDVerifiedExecutableRecords* records, std::string* detail,
+int32_t LDCheckSignatureWithRecords(int fd, const LDVerifiedExecutableRecords* records, const LDSignatureCheck& check,
+                                    std::string* detail, std::optional<LDVerifiedVersion>* verified,
                                     bool* recalled) {
   const std::optional<LDFileVersion> before = records ? LDReadFileVersion(fd) : std::nullopt;
   if (before && records->holds(*before)) {
     if (recalled) *recalled = true;
     return LDCodeSigningStatusOK;
   }
-  const int32_t status = LDCheckSignatureOfDescriptor(fd, &requirement, anchors, detail);
+  const int32_t status = check(fd, detail);
   if (status == LDCodeSigningStatusOK && before) {
-    if (const std::optional<LDFileVersion> after = LDReadFileVersion(fd)) records->record(*before, *after);
+    if (const std::optional<LDFileVersion> after = LDReadFileVersion(fd)) *verified = LDVerifiedVersion{*before, *after};
   }
   return status;
 }

@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -77,8 +78,16 @@ class LDVerifiedExecutableRecords {
   int64_t _settling;
 };
 
-// LDCheckSignatureOfDescriptor, unless records (which may be null) hold this version of the file,
-// in which case *recalled becomes true and nothing is read; a version that passes is recorded.
-int32_t LDCheckSignatureWithRecords(int fd, const LDRequirement& requirement, const LDTrustAnchors& anchors,
-                                    const LDVerifiedExecutableRecords* records, std::string* detail,
+// The file's version before and after a full verification that it passed: what record() takes.
+struct LDVerifiedVersion {
+  LDFileVersion before, after;
+};
+
+// check(fd, detail), unless records (which may be null) hold this version of the file, in which
+// case *recalled becomes true and nothing is read. When check passes and records were given,
+// *verified holds the version to record; whoever may write records does so (the helper's root
+// process, not the one that ran the check).
+using LDSignatureCheck = std::function<int32_t(int fd, std::string* detail)>;
+int32_t LDCheckSignatureWithRecords(int fd, const LDVerifiedExecutableRecords* records, const LDSignatureCheck& check,
+                                    std::string* detail, std::optional<LDVerifiedVersion>* verified,
                                     bool* recalled = nullptr);

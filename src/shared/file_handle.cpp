@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <vector>
 
 void LDCloseDescriptor(int fd) noexcept {
   const int savedErrno = errno;
@@ -34,4 +37,26 @@ bool LDPlaceDescriptorsForExec(const int* sources, const int* targets, int count
   }
   for (int i = 0; i < count; ++i) LDCloseDescriptor(copies[i]);
   return placed;
+}
+
+bool LDKeepOnlyDescriptors(int nullDevice, const int* keep, int count) {
+  constexpr int kMaximumKept = 8;
+  if (count > kMaximumKept) return false;
+  for (int standard = 0; standard <= 2 && nullDevice >= 0; ++standard) {
+    // A kept descriptor with a standard number would be overwritten.
+    if (std::find(keep, keep + count, standard) != keep + count) return false;
+    if (standard != nullDevice && ::dup2(nullDevice, standard) != standard) return false;
+  }
+  std::vector<int> sorted(keep, keep + count);
+  sorted.push_back(nullDevice >= 0 ? nullDevice : 0);
+  std::sort(sorted.begin(), sorted.end());
+  unsigned next = 3;
+  for (const int kept : sorted) {
+    if (kept < 0) return false;
+    const auto fd = static_cast<unsigned>(kept);
+    if (fd < next) continue;
+    if (fd > next && ::close_range(next, fd - 1, 0) != 0) return false;
+    next = fd + 1;
+  }
+  return ::close_range(next, UINT_MAX, 0) == 0;
 }

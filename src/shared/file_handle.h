@@ -16,6 +16,11 @@ void LDCloseDescriptor(int fd) noexcept;
 // sources and targets overlap. Returns false with errno set.
 bool LDPlaceDescriptorsForExec(const int* sources, const int* targets, int count);
 
+// For a child just forked: descriptors 0, 1 and 2 become nullDevice (an open /dev/null; -1 leaves
+// them as they are), and every descriptor but those and `keep` is closed. False if any step failed, in which case the
+// child must not go on as though it held only what it meant to.
+bool LDKeepOnlyDescriptors(int nullDevice, const int* keep, int count);
+
 class LDFileHandle {
  public:
   LDFileHandle() noexcept = default;

@@ -46,9 +46,16 @@ std::string signWithBuildIdentity(const std::string& path, const std::string& id
 }
 
 ChildProcess startHelper(const std::string& helperPath, const std::string& socketPath) {
+  return startHelperOn(helperPath, listenAt(socketPath));
+}
+
+LDFileHandle listenAt(const std::string& socketPath) {
   ::unlink(socketPath.c_str());
-  const LDFileHandle socket = seqpacketSocket(socketPath, Seqpacket::listening);
-  return ChildProcess::start({helperPath}, -1, socket.fileDescriptor());
+  return seqpacketSocket(socketPath, Seqpacket::listening);
+}
+
+ChildProcess startHelperOn(const std::string& helperPath, const LDFileHandle& listening) {
+  return ChildProcess::start({helperPath}, -1, listening.fileDescriptor());
 }
 
 std::string httpGet(const std::string& address, uint16_t port) {

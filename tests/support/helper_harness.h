@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "shared/file_handle.h"
 #include "support/process.h"
 #include "support/test_pki.h"
 
@@ -35,6 +36,10 @@ std::string signWithBuildIdentity(const std::string& path, const std::string& id
 
 // The helper, socket-activated on a fresh socket at socketPath that anyone may connect to.
 ChildProcess startHelper(const std::string& helperPath, const std::string& socketPath);
+// The same in two steps, so that a client can connect before the helper starts, as the connection
+// that has systemd start a helper does.
+LDFileHandle listenAt(const std::string& socketPath);
+ChildProcess startHelperOn(const std::string& helperPath, const LDFileHandle& listening);
 
 // GET / on address:port; the response body, or "error: ..." when there is none.
 std::string httpGet(const std::string& address, uint16_t port);
