@@ -19,6 +19,7 @@
 
 #include "helper/service_listener.h"
 #include "platform/dispatch.h"
+#include "platform/seqpacket.h"
 #include "support/descriptors.h"
 #include "support/test_pki.h"
 
@@ -26,9 +27,18 @@ namespace {
 
 int acceptCalls = 0;
 
+// Takes every call and answers none.
+class Silent final : public LDListenerHandoff {
+ public:
+  void requestListenerTransferWithProtocolVersion(int64_t, LDRequestReply, LDListenerConnection*) override {}
+  void completeListenerTransferWithProtocolVersion(int64_t, const std::optional<std::string>&, bool, LDCompleteReply,
+                                                   LDListenerConnection*) override {}
+};
+
 class Greeter final : public LDServiceListenerDelegate {
  public:
   bool listener(LDServiceListener&, LDKeptConnection& connection) override {
+    connection.setExportedObject(std::make_shared<Silent>());
     connection.activate();  // sends Hello
     return true;
   }
@@ -44,7 +54,7 @@ std::string seen(const LDFileHandle& fd) {
 // The examination in the keepers, by the abstract name the client bound before connecting:
 // "stuck..." never gets past the checks that can wait on the peer, "slow..." never past the
 // signature; any other peer is admitted at once.
-std::optional<LDPeerVerdict> examineByName(int socket, const LDPinnedPeer&, uint64_t,
+std::optional<LDPeerVerdict> examineByName(int socket, const LDPinnedPeer& peer, uint64_t,
                                            const std::function<void()>& inspected) {
   sockaddr_un address{};
   socklen_t length = sizeof address;
@@ -52,7 +62,9 @@ std::optional<LDPeerVerdict> examineByName(int socket, const LDPinnedPeer&, uint
   const std::string name(address.sun_path + 1, length > sizeof(sa_family_t) + 1 ? length - sizeof(sa_family_t) - 1 : 0);
   if (name.starts_with("slow")) inspected();
   while (name.starts_with("stuck") || name.starts_with("slow")) ::pause();
-  return LDPeerVerdict{};
+  LDPeerVerdict verdict;  // the test's own executable: its later messages pass their check
+  verdict.executable = LDOpenExecutable(peer.processDirectory.fileDescriptor()).value().identity();
+  return verdict;
 }
 
 // A listener on a fresh socket, with its loop, greeting whoever it admits.
@@ -142,6 +154,21 @@ TEST_F(ServiceListenerTest, ServesSixteenAtOnceAndTheSeventeenthWhenOneCloses) {
   EXPECT_EQ(seen(last), "nothing");
   clients.front().reset();
   EXPECT_TRUE(runUntil([&] { return seen(last) == "hello"; }));
+}
+
+// An admitted connection ends when its time is up, however busy it keeps itself: a message and its
+// check do not buy it more.
+TEST_F(ServiceListenerTest, AConnectionEndsWhenItsTimeIsUp) {
+  listener->setTiming({.connection = 300'000'000});
+  ASSERT_TRUE(listener->activate());
+  const LDFileHandle client = connect();
+  ASSERT_TRUE(runUntil([&] { return seen(client) == "hello"; }));
+  char hello[64];
+  ASSERT_GT(::recv(client.fileDescriptor(), hello, sizeof hello, 0), 0);
+  ASSERT_EQ(LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDRequestMessage{1}), {}, false), 0);
+  runUntil([] { return false; }, 150'000'000);
+  EXPECT_EQ(seen(client), "nothing") << "still within its time, its request unanswered";
+  EXPECT_TRUE(runUntil([&] { return seen(client) == "closed"; }, 1'000'000'000));
 }
 
 int failingFork() {

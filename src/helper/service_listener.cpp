@@ -330,7 +330,7 @@ void LDServiceListener::report(uint64_t serial, const LDKeeperReport& report) {
 void LDServiceListener::admitted(uint64_t serial, const LDKeeperReport& report) {
   Keeper& keeper = _keepers.at(serial);
   _runLoop.cancel(keeper.timer);
-  keeper.timer = _runLoop.runAt(LDRunLoop::now() + kConnectionLifetimeNanoseconds, [this, serial] { end(serial); });
+  keeper.lifetime = _runLoop.runAt(LDRunLoop::now() + _timing.connection, [this, serial] { end(serial); });
   if (report.recordable != 0 && _requirement && !_policy.verifiedExecutables.empty()) {
     if (const auto records = LDVerifiedExecutableRecords::open(_policy.verifiedExecutables, _anchors, *_requirement,
                                                                _policy.recordSettling)) {
@@ -352,6 +352,7 @@ void LDServiceListener::end(uint64_t serial) {
   keeper.ending = true;
   if (keeper.connection) keeper.connection->close();
   _runLoop.cancel(keeper.timer);
+  _runLoop.cancel(keeper.lifetime);
   _runLoop.unwatch(keeper.channel.fileDescriptor());
   keeper.channel.reset();
   // The keeper holds the peer's socket; dying is how it lets go of it, its linger skipped.

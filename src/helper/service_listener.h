@@ -70,8 +70,6 @@ class LDServiceListener {
   // Keepers alive at once, killed ones not yet exited included; more peers wait in the kernel's
   // backlog.
   static constexpr size_t kMaximumConnections = 16;
-  // A connection is dropped if it has not finished its business by then.
-  static constexpr int64_t kConnectionLifetimeNanoseconds = 30'000'000'000;
 
   struct Timing {
     // The checks that can wait on the peer take microseconds; a peer not past them by then is
@@ -81,6 +79,8 @@ class LDServiceListener {
     int64_t admission = 5'000'000'000;
     // The check of each later message (its sender still the admitted process) by then.
     int64_t messageCheck = 2'000'000'000;
+    // An admitted connection is dropped if it has not finished its business by then.
+    int64_t connection = 30'000'000'000;
     // A killed keeper not exited by then will not die: admissions can no longer be ended.
     int64_t killedKeeper = 1'000'000'000;
     // How long accepting rests after the helper ran out of descriptors.
@@ -123,7 +123,8 @@ class LDServiceListener {
   struct Keeper {
     LDFileHandle channel;  // the monitor's end
     LDFileHandle pidfd;
-    uint64_t timer = 0;
+    uint64_t timer = 0;     // inspection, admission, a message's check, or the killed keeper's
+    uint64_t lifetime = 0;  // the connection's, once admitted
     bool inspected = false;
     bool ending = false;
     std::unique_ptr<LDKeptConnection> connection;
