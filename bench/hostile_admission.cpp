@@ -1,7 +1,7 @@
 // How long a legitimate client waits for its transfer while hostile peers keep the helper's
 // admission as busy as they can, as root in a private network namespace.
 //
-//   hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE [STALLED STALL_FILE_SYSTEM]]]]
+//   hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE [STALLED STALL_FILE_SYSTEM [LINGERING]]]]]
 //
 // CLIENT is the signed transfer_client installed set-group-ID, as an application is. Each hostile
 // peer runs that very client, the one program a keyless user can get admitted that far, again
@@ -16,6 +16,10 @@
 // while connected: they connect with a file open close-on-exec on STALL_FILE_SYSTEM, mounted in
 // WORKDIR, whose FLUSH holds them for 2 s, far past the helper's inspection deadline, and are
 // replaced as soon as the helper drops them.
+// With LINGERING, that many of the HOSTILE peers instead connect and, before Hello, send a TCP
+// socket of their own set to linger for 2^31-1 s with data it cannot send, whose last reference
+// the helper's side then holds; each reconnects once dropped. Where the kernel has SO_PASSRIGHTS
+// (6.16+) the helper turns it off and their sendmsg fails; on older kernels the socket arrives.
 
 #include <fcntl.h>
 #include <grp.h>
@@ -117,6 +121,62 @@ pid_t startStalledPeer(const std::string& stallFile, const std::string& socket, 
   }
 }
 
+// A loopback TCP connection whose client end lingers with unsendable data; *server never reads.
+int lingeringSocket(int* server) {
+  const LDFileHandle listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  const int small = 4096;
+  ::setsockopt(listener.fileDescriptor(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  if (::bind(listener.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener.fileDescriptor(), 1) != 0 ||
+      ::getsockname(listener.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return -1;
+  }
+  const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  (void)::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  *server = ::accept4(listener.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC);
+  const linger forever{1, 0x7fffffff};
+  ::setsockopt(client, SOL_SOCKET, SO_LINGER, &forever, sizeof forever);
+  const std::string chunk(65536, 'x');
+  while (::send(client, chunk.data(), chunk.size(), MSG_NOSIGNAL) > 0) {
+  }
+  return client;
+}
+
+pid_t startLingeringPeer(const std::string& socket, int nice) {
+  const pid_t peer = ::fork();
+  if (peer != 0) return peer;
+  ::setpriority(PRIO_PROCESS, 0, nice);
+  becomeNobody();
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() == 1) ::_exit(1);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
+  for (;;) {
+    const LDFileHandle connection(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    if (::connect(connection.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+      ::usleep(1000);
+      continue;
+    }
+    int server = -1;
+    const int lingering = lingeringSocket(&server);
+    if (lingering < 0 || server < 0) ::_exit(1);
+    const bool sent = LDSendPacket(connection.fileDescriptor(), "x", {lingering}, false) == 0;
+    // Ours alone when unsent: the server end goes first, so that a reset ends the linger.
+    if (sent) LDCloseDescriptor(lingering);
+    pollfd dropped{connection.fileDescriptor(), POLLRDHUP, 0};
+    while (::poll(&dropped, 1, -1) < 0 && errno == EINTR) {
+    }
+    const linger reset{1, 0};
+    ::setsockopt(server, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    LDCloseDescriptor(server);
+    if (!sent) LDCloseDescriptor(lingering);
+  }
+}
+
 // Until port 80 on 127.0.0.1 can be bound. An admission worker forked while its helper held the
 // listeners keeps copies of them until it has closed its descriptors or died, which under the
 // flood can come after the helper's exit; systemd starts no new helper before every process of
@@ -174,13 +234,15 @@ void report(const char* what, std::vector<double> values) {
 
 int main(int argc, char** argv) {
   if (argc < 4 || argc == 8) {
-    die("usage: hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE [STALLED STALL_FILE_SYSTEM]]]]");
+    die("usage: hostile_admission HELPER CLIENT WORKDIR [ROUNDS [HOSTILE [NICE [STALLED STALL_FILE_SYSTEM "
+        "[LINGERING]]]]]");
   }
   const std::string helper = argv[1], client = argv[2], socket = std::string(argv[3]) + "/hostile.sock";
   const int rounds = argc > 4 ? std::atoi(argv[4]) : 200;
   const int hostile = argc > 5 ? std::atoi(argv[5]) : 20;
   const int nice = argc > 6 ? std::atoi(argv[6]) : 0;
   const int stalled = argc > 7 ? std::atoi(argv[7]) : 0;
+  const int lingering = argc > 9 ? std::min(std::atoi(argv[9]), hostile) : 0;
   ldbench::bringLoopbackUp();
   const std::string stallMount = std::string(argv[3]) + "/stall";
   pid_t stallServer = -1;
@@ -203,7 +265,8 @@ int main(int argc, char** argv) {
     quiet.push_back(legitimateTransfer(client, socket, helper, listening.fileDescriptor(), &helperPid));
   }
   std::vector<pid_t> peers;
-  for (int i = 0; i < hostile; ++i) peers.push_back(startHostilePeer(client, socket, nice));
+  for (int i = 0; i < hostile - lingering; ++i) peers.push_back(startHostilePeer(client, socket, nice));
+  for (int i = 0; i < lingering; ++i) peers.push_back(startLingeringPeer(socket, nice));
   for (int i = 0; i < stalled; ++i) peers.push_back(startStalledPeer(stallMount + "/stall", socket, nice));
   ::usleep(500'000);  // let the flood build up
   for (int i = 0; i < rounds; ++i) {
@@ -216,7 +279,8 @@ int main(int argc, char** argv) {
     ::kill(stallServer, SIGKILL);
   }
   report("legitimate transfer, quiet", quiet);
-  const std::string stalledPeers = stalled > 0 ? " + " + std::to_string(stalled) + " stalled" : "";
+  const std::string stalledPeers = (lingering > 0 ? " (" + std::to_string(lingering) + " lingering)" : "") +
+                                   (stalled > 0 ? " + " + std::to_string(stalled) + " stalled" : "");
   report(("legitimate transfer, " + std::to_string(hostile) + stalledPeers + " hostile peers, nice " +
           std::to_string(nice)).c_str(),
          underAttack);
