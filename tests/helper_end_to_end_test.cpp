@@ -41,6 +41,14 @@ void signalTree(pid_t pid, int signal) {
   for (pid_t child; each >> child;) signalTree(child, signal);
 }
 
+// pid and the processes below it.
+int countTree(pid_t pid) {
+  std::istringstream each(ldtest::readFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children"));
+  int count = ::kill(pid, 0) == 0 ? 1 : 0;
+  for (pid_t child; each >> child;) count += countTree(child);
+  return count;
+}
+
 std::string outputOf(const std::vector<std::string>& argv, int uid = kNobody) {
   return ldtest::runProgram(argv, uid).standardOutput;
 }
@@ -318,6 +326,9 @@ TEST_F(HelperEndToEnd, PeersFrozenInsideAnExecHoldNobodyUp) {
   const std::string held = "/proc/" + pid + "/fdinfo/" + fd;
   for (int wait = 0; wait < 100 && ::access(held.c_str(), F_OK) == 0; ++wait) ::usleep(10000);
   signalTree(helper.pid(), SIGCONT);
+  // Its keeper gone (killed at the check's deadline where the check waits), the helper goes on.
+  for (int wait = 0; wait < 500 && countTree(helper.pid()) > 2; ++wait) ::usleep(10000);
+  EXPECT_EQ(countTree(helper.pid()), 2) << "the helper and its zygote alone";
   EXPECT_EQ(outputOf({plainProbe, "greet", socket}), "hello\n") << "admission goes on";
   // Served, and 0, where the check waited; where it did not (Linux 6.1 reads the exe link
   // mid-exec), the frozen peer had the transfer, and the acknowledgement time-out ends with 1.
