@@ -30,6 +30,12 @@ constexpr uint32_t kArchitecture = AUDIT_ARCH_AARCH64;
 #error "the parser's seccomp filter names no system calls for this architecture"
 #endif
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define LD_SANITIZED_BUILD 1
+#endif
+#endif
+
 // What verification needs: reading the file it was given and its size, hints to the page cache,
 // memory for the allocator, one write of the verdict, and the ways out (exit_group; rt_sigreturn
 // for a signal handler the C library may have). Numbers outside this list, other architectures
@@ -39,6 +45,10 @@ const std::vector<long>& allowedSystemCalls() {
       SYS_read, SYS_pread64, SYS_write, SYS_lseek, SYS_fstat, SYS_newfstatat, SYS_fadvise64,
       SYS_mmap, SYS_munmap, SYS_mremap, SYS_brk, SYS_madvise, SYS_mprotect,
       SYS_futex, SYS_exit, SYS_exit_group, SYS_rt_sigreturn,
+#ifdef LD_SANITIZED_BUILD
+      // Test builds only: the sanitizer runtimes take down their signal stack on the way out.
+      SYS_sigaltstack,
+#endif
   };
   return allowed;
 }
