@@ -40,4 +40,4 @@ install(FILES "${CMAKE_BINARY_DIR}/sdk/${LD_SDK_LIBRARY}.pc"
 install(FILES "${CMAKE_BINARY_DIR}/sdk/QuillfernLocalDomainListenerConfig.cmake"
               "${CMAKE_BINARY_DIR}/sdk/QuillfernLocalDomainListenerConfigVersion.cmake"
         DESTINATION "${LD_SDK_CMAKE_DIR}" COMPONENT dev)
-install(FILES docs/vendor-guide.md DESTINATION "${CMAKE_INSTALL_DOCDIR}-dev" COMPONENT dev)
+install(FILES docs/vendor-guide.md DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${LD_PACKAGE_NAME}-dev" COMPONENT dev)
