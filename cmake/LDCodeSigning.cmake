@@ -39,6 +39,15 @@ else()
   set(LD_CHAIN_FILE "")
 endif()
 
+# The team the helper will require (its own, the signing certificate's subject OU): the client
+# names it when the helper refuses it.
+execute_process(COMMAND openssl x509 -in "${LD_CERT_FILE}" -noout -subject -nameopt multiline
+                OUTPUT_VARIABLE subject RESULT_VARIABLE result)
+if(NOT result EQUAL 0 OR NOT subject MATCHES "organizationalUnitName *= ([^\n]+)")
+  message(FATAL_ERROR "${LD_CERT_FILE}: no subject OU (the team) could be read")
+endif()
+set(LD_SIGNING_TEAM "${CMAKE_MATCH_1}")
+
 file(READ "${LD_ANCHOR_FILE}" LD_ANCHOR_PEM)
 if(NOT LD_ANCHOR_PEM MATCHES "-----BEGIN CERTIFICATE-----")
   message(FATAL_ERROR "${LD_ANCHOR_FILE} holds no PEM certificate")

@@ -40,6 +40,8 @@ else()
   set(LD_HAS_DEMO "")
 endif()
 set(LD_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING "Where the units go, below the prefix")
+target_compile_definitions(ld_client PRIVATE LD_APP_SIGNING_TEAM="${LD_SIGNING_TEAM}"
+                                             LD_INSTALLED_HELPER="${LD_HELPER_PATH}")
 
 configure_file(packaging/helper.socket.in "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.socket" @ONLY)
 configure_file(packaging/helper.service.in "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.service" @ONLY)
@@ -102,7 +104,7 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
 # The SDK is built for one identifier, and every identifier's SDK installs the same header and
 # library names: one at a time, and it needs no helper on the build machine.
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME "${LD_PACKAGE_NAME}-dev")
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libstdc++-12-dev | libstdc++-dev, pkg-config")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libstdc++-12-dev | libstdc++-dev, nettle-dev, libgmp-dev, pkg-config")
 set(CPACK_DEBIAN_DEV_PACKAGE_PROVIDES "quillfern-local-domain-listener-sdk")
 set(CPACK_DEBIAN_DEV_PACKAGE_CONFLICTS "quillfern-local-domain-listener-sdk, ${LD_FORMER_PACKAGE_NAME}-dev")
 set(CPACK_DEBIAN_DEV_PACKAGE_REPLACES "${LD_FORMER_PACKAGE_NAME}-dev")

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
 
 #include <quillfern/local_domain_listener.h>
 
@@ -21,6 +22,8 @@
 
 #include "client/listener_client.h"
 #include "platform/seqpacket.h"
+#include "signing/code_signature.h"
+#include "tools/code_signer.h"
 #include "platform/wire.h"
 #include "shared/loopback_listeners.h"
 #include "support/descriptors.h"
@@ -67,16 +70,22 @@ struct Case {
   }
   std::optional<LDError> error;
   LDClientFailure failure{};
+  int diagnoses = 0;  // the diagnosis reads and hashes the whole executable: only after a refusal
   const bool acquired = LDAcquireListeners({.socketPath = fault == Fault::noSocket ? path + ".none" : path,
                                             .activationTimeout = 1,
-                                            .requireSecureExecution = fault == Fault::notSetGroupId},
+                                            .requireSecureExecution = fault == Fault::notSetGroupId,
+                                            .diagnoseRefusal = [&](const std::string& socket) {
+                                              ++diagnoses;
+                                              return "diagnosed " + socket;
+                                            }},
                                            &error, &failure)
                             .has_value();
   gid_t real = 1, effective = 1, saved = 1;
   ::getresgid(&real, &effective, &saved);
   const std::string text = (acquired ? std::string("acquired") : error->description()) + "\n" +
                            std::to_string(acquired ? 0 : static_cast<int>(failure)) + " gids " +
-                           std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
+                           std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved) +
+                           " diagnoses " + std::to_string(diagnoses);
   (void)!::write(report, text.data(), text.size());
   ::_exit(0);
 }
@@ -136,8 +145,7 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
        LDClientFailure::noHelper},
       {Fault::staleSocket, "sock (a socket file left behind by a stopped listener): start a helper there",
        LDClientFailure::noHelper},
-      {Fault::closeBeforeHello, "The helper closed the connection while waiting to be admitted",
-       LDClientFailure::refused},
+      {Fault::closeBeforeHello, "diagnosed /tmp/", LDClientFailure::refused},
       {Fault::silent, "The helper did not answer in time while waiting to be admitted", LDClientFailure::timedOut},
       {Fault::malformed, "The helper sent a malformed message while waiting for the listeners"},
       {Fault::busy, "Another program is taking the listeners from the helper right now (refused)",
@@ -182,7 +190,8 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
     ::waitpid(child, nullptr, 0);
     EXPECT_NE(text.find(c.expected), std::string::npos) << "the client said: " << text;
     const int kind = c.expected == "acquired" ? 0 : static_cast<int>(c.failure);
-    const std::string gids = std::to_string(kind) + " gids 0 0 0";  // not "\n" + ...: g++ 12 -O3 -Wrestrict
+    const std::string gids = std::to_string(kind) + " gids 0 0 0 diagnoses " +  // not "\n" + ...: g++ 12 -Wrestrict
+                             (c.fault == Fault::closeBeforeHello ? "1" : "0");
     EXPECT_NE(text.find('\n' + gids), std::string::npos) << text;
   }
 }
@@ -254,6 +263,69 @@ TEST(Client, NamesTheAdmissionCheckItWouldFail) {
   }
   ::umount2(fuse.c_str(), MNT_DETACH);
   ::umount2(nosuid.c_str(), MNT_DETACH);
+}
+
+// Refused by the real helper, the demo checks its own signature against what the helper requires
+// and names the one part that fails, both values and the command that shows them; when its own
+// signature holds, it blames the helper, built for another identifier or by another build.
+TEST(Client, SaysWhichPartOfItsSignatureTheHelperRefused) {
+  const std::string app = LD_APP_IDENTIFIER;
+  ldtest::ProgramDirectory programs;
+  ldtest::TemporaryDirectory pkiDirectory;
+  ldtest::TestPki pki(pkiDirectory.path());
+  ldtest::TestIdentity buildRoot;
+  buildRoot.keyPath = LD_BUILD_ROOT_KEY;
+  buildRoot.certificatePath = LD_BUILD_ROOT_CERT;
+  const ldssl::Bio key(BIO_new_file(LD_BUILD_ROOT_KEY, "r")), certificate(BIO_new_file(LD_BUILD_ROOT_CERT, "r"));
+  ASSERT_TRUE(key && certificate);
+  buildRoot.key.reset(PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, nullptr));
+  buildRoot.certificate.reset(PEM_read_bio_X509(certificate.get(), nullptr, nullptr, nullptr));
+  const ldtest::TestIdentity otherTeam = pki.makeLeaf(buildRoot, "Other Team", {.team = "OTHERTEAM1"});
+  const ldtest::TestIdentity stranger = pki.makeLeaf(pki.makeRoot("Stranger Root"), "Stranger", {.team = "DEVTEAM001"});
+  auto signedCopy = [&](const std::string& source, const std::string& name, const std::string& identifier,
+                        const ldtest::TestIdentity& signer, bool setGroupId = true) {
+    const std::string path = programs.install(source, name, setGroupId);
+    std::string error;
+    const auto identity = LDLoadSigningIdentity(signer.keyPath, signer.certificatePath, "", &error);
+    EXPECT_TRUE(identity && LDSignFile(path, identifier, *identity, &error)) << name << ": " << error;
+    return path;
+  };
+  const std::string stripped = programs.install(LD_DEMO, "stripped");
+  const std::string bytes = ldtest::readFile(stripped);
+  const LDSignatureLocation signature =
+      LDLocateSignature(bytes.size(), std::string_view(bytes).substr(bytes.size() - LDSignatureTrailerSize));
+  ASSERT_EQ(::truncate(stripped.c_str(), static_cast<off_t>(signature.codeSize)), 0);
+  const std::string otherHelper =
+      signedCopy(LD_HELPER, "other-helper", app + ".local-domain-listener-helper", otherTeam, false);
+  const std::string socket = programs.file("helper.sock"), otherSocket = programs.file("other.sock");
+  ldtest::ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+  ldtest::ChildProcess other = ldtest::startHelper(otherHelper, otherSocket);
+
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+      {stripped, socket, " carries no signature, where one as identifier " + app + " by team DEVTEAM001 is required"},
+      {signedCopy(LD_DEMO, "wrong-identifier", app + ".other", otherTeam), socket,
+       "signed as identifier " + app + ".other where the helper requires " + app + ":"},
+      {signedCopy(LD_DEMO, "wrong-team", app, otherTeam), socket,
+       "signed by team OTHERTEAM1 where the helper requires team DEVTEAM001:"},
+      {signedCopy(LD_DEMO, "stranger", app, stranger), socket,
+       "(CN=Stranger,OU=DEVTEAM001,O=Quillfern Test, issued by CN=Stranger Root,O=Quillfern Test) does not chain "
+       "to the root the helper trusts (CN=Quillfern Development Root"},
+      {programs.install(LD_DEMO, "right"), otherSocket,
+       "this program's signature is what its helper requires (identifier " + app + ", team DEVTEAM001, under "},
+  };
+  for (const auto& [program, helperSocket, cause] : cases) {
+    const ldtest::ProcessResult result = ldtest::runProgram({program, "--socket", helperSocket}, 65534);
+    EXPECT_EQ(result.exitStatus, 1) << cause;
+    EXPECT_NE(result.standardError.find("The helper at " + helperSocket + " refused this program: "), std::string::npos)
+        << result.standardError;
+    EXPECT_NE(result.standardError.find(cause), std::string::npos) << result.standardError;
+    EXPECT_NE(result.standardError.find("`ld-codesign display "), std::string::npos) << result.standardError;
+    for (const auto& [ignored, ignoredSocket, otherCause] : cases) {
+      if (otherCause != cause) {
+        EXPECT_EQ(result.standardError.find(otherCause), std::string::npos) << result.standardError;
+      }
+    }
+  }
 }
 
 }  // namespace

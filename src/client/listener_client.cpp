@@ -292,11 +292,17 @@ std::optional<LDAcquiredListeners> acquire(const LDClientOptions& options, std::
     *failed = problem(LDClientFailure::notAdmissible, *refused);
     return std::nullopt;
   }
-  const LDFileHandle socket =
-      connectToHelper(options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath, failed);
+  const std::string path = options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath;
+  const LDFileHandle socket = connectToHelper(path, failed);
   if (!socket.isValid()) return std::nullopt;
   std::optional<Handoff> handoff = requestListeners(socket.fileDescriptor(), options, failed);
-  if (!handoff) return std::nullopt;
+  if (!handoff) {
+    // Only after a refusal: the diagnosis reads and hashes this program's whole executable.
+    if ((*failed)->kind == LDClientFailure::refused && options.diagnoseRefusal) {
+      *failed = problem(LDClientFailure::refused, options.diagnoseRefusal(path));
+    }
+    return std::nullopt;
+  }
   return acknowledge(socket.fileDescriptor(), options, std::move(*handoff), failed);
 }
 
