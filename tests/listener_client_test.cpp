@@ -19,6 +19,8 @@
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <set>
 
 #include "client/listener_client.h"
 #include "platform/seqpacket.h"
@@ -196,29 +198,73 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
   }
 }
 
-// The C interface stores -1 in both places on failure and writes the message truncated to fit,
-// always NUL-terminated, and nothing at all into a buffer of size 0.
-TEST(Client, CInterfaceReportsFailuresInAnyBuffer) {
-  char full[4096];
-  int ipv4 = 7, ipv6 = 7;
-  const int code = ld_acquire_listeners("/nonexistent/helper.sock", &ipv4, &ipv6, full, sizeof full);
-  EXPECT_NE(code, LD_ACQUIRE_OK);
-  EXPECT_EQ(std::pair(ipv4, ipv6), std::pair(-1, -1));
-  ASSERT_GT(std::strlen(full), 16u) << full;
-  EXPECT_EQ(std::strchr(full, '\n'), nullptr) << "one line";
-  for (const size_t size : {size_t{0}, size_t{1}, size_t{16}}) {
-    char buffer[32];
-    std::memset(buffer, 'x', sizeof buffer);
-    EXPECT_EQ(ld_acquire_listeners("/nonexistent/helper.sock", &ipv4, &ipv6, buffer, size), code);
-    if (size == 0) {
-      EXPECT_EQ(buffer[0], 'x') << "nothing written";
-    } else {
-      EXPECT_EQ(std::string(buffer), std::string(full, size - 1));
-      EXPECT_EQ(buffer[size], 'x') << "nothing past the size";
+// What a C caller sees, each case in a process of its own (one call per process): arguments it
+// cannot serve refused before anything is asked or opened, a second call told apart, and a
+// message that a buffer of LD_ACQUIRE_MESSAGE_SIZE holds whole while a smaller one holds its start.
+TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
+  const std::string none = "/nonexistent/helper.sock";
+  auto call = [](const char* path, int* ipv4, int* ipv6, char* buffer, size_t size) {
+    const int code = ld_acquire_listeners(path, ipv4, ipv6, buffer, size);
+    return std::to_string(code) + " " + std::to_string(*ipv4) + " " + std::to_string(*ipv6);
+  };
+  const std::string longPath(10000, 'p');
+  const std::vector<std::pair<std::function<std::string()>, std::string>> cases = {
+      {[&] {
+         const std::set<int> before = ldtest::openDescriptors();
+         int same = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         const std::string result = call(none.c_str(), &same, &same, message, sizeof message);
+         return result + (ldtest::openDescriptors() == before ? " nothing opened: " : " opened: ") + message;
+       },
+       "1 -1 -1 nothing opened: ld_acquire_listeners: ipv4 and ipv6 must be two different places"},
+      {[&] {
+         int ipv4 = 7, ipv6 = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         call(none.c_str(), &ipv4, &ipv6, message, sizeof message);
+         return call(nullptr, &ipv4, &ipv6, message, sizeof message) + " " + message;
+       },
+       "11 -1 -1 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
+      {[&] {
+         int ipv4 = 7, ipv6 = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         const std::string result = call(longPath.c_str(), &ipv4, &ipv6, message, sizeof message);
+         const std::string text = message;
+         return result + " " + std::to_string(text.size()) + " " + text.substr(0, 43) + text.substr(text.size() - 5);
+       },
+       "3 -1 -1 4095 The helper's socket path is too long (10000pp..."},
+      {[&] {
+         int ipv4 = 7, ipv6 = 7;
+         char full[LD_ACQUIRE_MESSAGE_SIZE];
+         call(none.c_str(), &ipv4, &ipv6, full, sizeof full);
+         std::string seen;
+         for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, sizeof full}) {
+           char buffer[LD_ACQUIRE_MESSAGE_SIZE + 1];
+           std::memset(buffer, 'x', sizeof buffer);
+           call(none.c_str(), &ipv4, &ipv6, buffer, size);
+           seen += "[" + std::string(buffer, std::min(size, std::strlen(buffer) + 1) + 1) + "]";
+         }
+         return seen;
+       },
+       "[x][\0x][ld_acquire_list\0x]"},
+  };
+  for (const auto& [run, expected] : cases) {
+    SCOPED_TRACE(expected);
+    int report[2];
+    ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const std::string text = run();
+      (void)!::write(report[1], text.data(), text.size());
+      ::_exit(0);
     }
+    ::close(report[1]);
+    std::string text;
+    char buffer[8192];
+    for (ssize_t got; (got = ::read(report[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(got));
+    ::close(report[0]);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(text.substr(0, expected.size()), expected);
   }
-  EXPECT_EQ(ld_acquire_listeners(nullptr, &ipv4, &ipv6, nullptr, 0), code) << "no message wanted";
-  EXPECT_EQ(ld_acquire_listeners(nullptr, nullptr, &ipv6, full, sizeof full), LD_ACQUIRE_INVALID_ARGUMENT);
 }
 
 // Installed as the helper would refuse it, the demo names the one check it fails before it ever
@@ -252,6 +298,8 @@ TEST(Client, NamesTheAdmissionCheckItWouldFail) {
       {{"/usr/bin/unshare", "-Ur", installed}, "runs in a user namespace of its own"},
       {{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--groups=" + group, installed},
        "is a member of " + installed + "'s group"},
+      {{"/usr/bin/setpriv", "--reuid=65534", "--regid=" + group, "--clear-groups", installed},
+       installed + "'s group (gid " + group + ") is the primary group of the user running it"},
   };
   for (const auto& [prefix, expected] : cases) {
     std::vector<std::string> argv = prefix;
