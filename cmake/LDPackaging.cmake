@@ -82,6 +82,37 @@ install(FILES "${CMAKE_BINARY_DIR}/packaging/${LD_SERVICE_NAME}.socket"
         DESTINATION "${LD_SYSTEMD_UNIT_DIR}")
 install(FILES docs/protocol.md docs/security.md docs/code-signing.md README.md
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${LD_PACKAGE_NAME}")
+
+# What a Debian package carries beside its files: copyright, changelog, manual pages, and the
+# lintian overrides for what is so on purpose, each with its reason.
+string(REGEX REPLACE "^/" "" LD_HELPER_PATH_RELATIVE "${LD_HELPER_PATH}")
+string(TOUPPER "${LD_DEMO_NAME}" LD_DEMO_NAME_UPPER)
+string(TOUPPER "${LD_HELPER_NAME}" LD_HELPER_NAME_UPPER)
+set(package_files "${CMAKE_BINARY_DIR}/packaging/files")
+foreach(file copyright changelog runtime.lintian-overrides dev.lintian-overrides man/demo.1 man/helper.8)
+  configure_file(packaging/${file}.in "${package_files}/${file}" @ONLY)
+endforeach()
+configure_file(packaging/man/ld-codesign.1 "${package_files}/man/ld-codesign.1" COPYONLY)
+# Compressed as Debian asks (gzip -9n: no name or time stamp, so the same bytes every build).
+foreach(file changelog man/demo.1 man/helper.8 man/ld-codesign.1)
+  execute_process(COMMAND gzip -9nf "${package_files}/${file}" COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
+foreach(component runtime dev)
+  if(component STREQUAL "runtime")
+    set(name "${LD_PACKAGE_NAME}")
+  else()
+    set(name "${LD_PACKAGE_NAME}-dev")
+  endif()
+  install(FILES "${package_files}/copyright" "${package_files}/changelog.gz"
+          DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${name}" COMPONENT ${component})
+  install(FILES "${package_files}/${component}.lintian-overrides" DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides"
+          RENAME "${name}" COMPONENT ${component})
+endforeach()
+install(FILES "${package_files}/man/ld-codesign.1.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT dev)
+install(FILES "${package_files}/man/helper.8.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" RENAME "${LD_HELPER_NAME}.8.gz")
+if(LD_BUILD_DEMO)
+  install(FILES "${package_files}/man/demo.1.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" RENAME "${LD_DEMO_NAME}.1.gz")
+endif()
 include(cmake/LDSdk.cmake)
 
 set(CPACK_PACKAGE_NAME "${LD_PACKAGE_NAME}")
