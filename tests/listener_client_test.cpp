@@ -47,7 +47,7 @@ bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
 
 // How the fake helper ends the exchange, or what the client is made to lack.
 enum class Fault {
-  none, notSetGroupId, noSocket, staleSocket, closeBeforeHello, silent, malformed, busy, portInUse, noHandles,
+  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, silent, malformed, busy, portInUse, noHandles,
   otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
 };
 
@@ -61,6 +61,8 @@ struct Case {
 // an application installed set-group-ID does; it reports what it said and its gids afterwards.
 [[noreturn]] void runClient(Fault fault, const std::string& path, int report) {
   if (::setresgid(0, 4242, 4242) != 0) ::_exit(2);
+  // Another user than the socket's directory lets in.
+  if (fault == Fault::permissionDenied && ::setresuid(65534, 65534, 65534) != 0) ::_exit(2);
   if (fault == Fault::otherNamespace && ::unshare(CLONE_NEWNET) != 0) ::_exit(2);
   if (fault == Fault::tooManyFiles) {
     // Room for the self-check's two descriptors and then the connection to the helper (the
@@ -146,6 +148,8 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
       {Fault::noSocket, ".none: start a helper there, as root: systemd-socket-activate --seqpacket -l ",
        LDClientFailure::noHelper},
       {Fault::staleSocket, "sock (a socket file left behind by a stopped listener): start a helper there",
+       LDClientFailure::noHelper},
+      {Fault::permissionDenied, "sock (permission denied): the socket must be writable by everyone",
        LDClientFailure::noHelper},
       {Fault::closeBeforeHello, "diagnosed /tmp/", LDClientFailure::refused},
       {Fault::silent, "The helper did not answer in time while waiting to be admitted", LDClientFailure::timedOut},
