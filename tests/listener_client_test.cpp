@@ -245,7 +245,7 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
            char buffer[LD_ACQUIRE_MESSAGE_SIZE + 1];
            std::memset(buffer, 'x', sizeof buffer);
            call(none.c_str(), &ipv4, &ipv6, buffer, size);
-           seen += "[" + std::string(buffer, std::min(size, std::strlen(buffer) + 1) + 1) + "]";
+           seen += "[" + std::string(buffer, std::min(size, ::strnlen(buffer, sizeof buffer) + 1) + 1) + "]";
          }
          return seen;
        },
