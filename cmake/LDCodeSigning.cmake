@@ -8,7 +8,12 @@ set(LD_PKCS11_MODULE "" CACHE FILEPATH "PKCS#11 module of the token when LD_SIGN
 set(LD_SIGNING_CERT "" CACHE FILEPATH "PEM leaf certificate of that key (subject OU = team)")
 set(LD_SIGNING_CHAIN "" CACHE FILEPATH "PEM intermediates to carry in signatures (optional)")
 
+# A vendor's identity (its own root and key) signs only the helper. The development identity is
+# a throwaway made here; it also signs the demo and every bench and test program, which a vendor's
+# key must never sign: whatever carries the application's identifier is, to the helper, the
+# application, and the demo hands the listeners to any command.
 if(LD_CODE_SIGNING_ANCHOR)
+  set(LD_DEVELOPMENT_IDENTITY OFF)
   if(NOT LD_SIGNING_KEY OR NOT LD_SIGNING_CERT)
     message(FATAL_ERROR "LD_CODE_SIGNING_ANCHOR needs LD_SIGNING_KEY and LD_SIGNING_CERT as well")
   endif()
@@ -17,6 +22,7 @@ if(LD_CODE_SIGNING_ANCHOR)
   set(LD_CERT_FILE "${LD_SIGNING_CERT}")
   set(LD_CHAIN_FILE "${LD_SIGNING_CHAIN}")
 else()
+  set(LD_DEVELOPMENT_IDENTITY ON)
   set(identity_dir "${CMAKE_BINARY_DIR}/development-identity")
   if(NOT EXISTS "${identity_dir}/leaf.pem")
     message(STATUS "Making a throwaway development signing identity (team DEVTEAM001)")
@@ -32,6 +38,15 @@ else()
   set(LD_CERT_FILE "${identity_dir}/leaf.pem")
   set(LD_CHAIN_FILE "")
 endif()
+
+# The team the helper will require (its own, the signing certificate's subject OU): the client
+# names it when the helper refuses it.
+execute_process(COMMAND openssl x509 -in "${LD_CERT_FILE}" -noout -subject -nameopt multiline
+                OUTPUT_VARIABLE subject RESULT_VARIABLE result)
+if(NOT result EQUAL 0 OR NOT subject MATCHES "organizationalUnitName *= ([^\n]+)")
+  message(FATAL_ERROR "${LD_CERT_FILE}: no subject OU (the team) could be read")
+endif()
+set(LD_SIGNING_TEAM "${CMAKE_MATCH_1}")
 
 file(READ "${LD_ANCHOR_FILE}" LD_ANCHOR_PEM)
 if(NOT LD_ANCHOR_PEM MATCHES "-----BEGIN CERTIFICATE-----")

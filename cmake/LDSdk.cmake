@@ -7,12 +7,13 @@
 # and anchors: a vendor builds the helper and the SDK together, from one configuration.
 set(LD_SDK_LIBRARY quillfern-local-domain-listener)
 add_library(ld_sdk STATIC
-  $<TARGET_OBJECTS:ld_client> $<TARGET_OBJECTS:ld_platform> $<TARGET_OBJECTS:ld_shared>)
+  $<TARGET_OBJECTS:ld_client> $<TARGET_OBJECTS:ld_platform> $<TARGET_OBJECTS:ld_signing> $<TARGET_OBJECTS:ld_shared>)
 set_target_properties(ld_sdk PROPERTIES OUTPUT_NAME ${LD_SDK_LIBRARY} LINKER_LANGUAGE CXX)
 target_include_directories(ld_sdk INTERFACE ${PROJECT_SOURCE_DIR}/include)
-# What the archive needs from the system: the C++ runtime (libstdc++, with libm). glibc 2.34
-# and later hold threads in libc itself.
-set(LD_SDK_SYSTEM_LIBRARIES stdc++ m)
+# What the archive needs from the system: Hogweed, Nettle and GMP (the client checks its own
+# signature after a refusal) and the C++ runtime (libstdc++, with libm). glibc 2.34 and later
+# hold threads in libc itself.
+set(LD_SDK_SYSTEM_LIBRARIES hogweed nettle gmp stdc++ m)
 target_link_libraries(ld_sdk INTERFACE ${LD_SDK_SYSTEM_LIBRARIES})
 
 # The header must stay valid C11, as C applications include it.
@@ -40,4 +41,4 @@ install(FILES "${CMAKE_BINARY_DIR}/sdk/${LD_SDK_LIBRARY}.pc"
 install(FILES "${CMAKE_BINARY_DIR}/sdk/QuillfernLocalDomainListenerConfig.cmake"
               "${CMAKE_BINARY_DIR}/sdk/QuillfernLocalDomainListenerConfigVersion.cmake"
         DESTINATION "${LD_SDK_CMAKE_DIR}" COMPONENT dev)
-install(FILES docs/vendor-guide.md DESTINATION "${CMAKE_INSTALL_DOCDIR}-dev" COMPONENT dev)
+install(FILES docs/vendor-guide.md DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/${LD_PACKAGE_NAME}-dev" COMPONENT dev)

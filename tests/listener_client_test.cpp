@@ -13,14 +13,19 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
 
 #include <quillfern/local_domain_listener.h>
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <set>
 
 #include "client/listener_client.h"
 #include "platform/seqpacket.h"
+#include "signing/code_signature.h"
+#include "tools/code_signer.h"
 #include "platform/wire.h"
 #include "shared/loopback_listeners.h"
 #include "support/descriptors.h"
@@ -42,7 +47,7 @@ bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
 
 // How the fake helper ends the exchange, or what the client is made to lack.
 enum class Fault {
-  none, notSetGroupId, noSocket, staleSocket, closeBeforeHello, silent, malformed, busy, portInUse, noHandles,
+  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, silent, malformed, busy, portInUse, noHandles,
   otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
 };
 
@@ -56,6 +61,8 @@ struct Case {
 // an application installed set-group-ID does; it reports what it said and its gids afterwards.
 [[noreturn]] void runClient(Fault fault, const std::string& path, int report) {
   if (::setresgid(0, 4242, 4242) != 0) ::_exit(2);
+  // Another user than the socket's directory lets in.
+  if (fault == Fault::permissionDenied && ::setresuid(65534, 65534, 65534) != 0) ::_exit(2);
   if (fault == Fault::otherNamespace && ::unshare(CLONE_NEWNET) != 0) ::_exit(2);
   if (fault == Fault::tooManyFiles) {
     // Room for the self-check's two descriptors and then the connection to the helper (the
@@ -67,16 +74,22 @@ struct Case {
   }
   std::optional<LDError> error;
   LDClientFailure failure{};
+  int diagnoses = 0;  // the diagnosis reads and hashes the whole executable: only after a refusal
   const bool acquired = LDAcquireListeners({.socketPath = fault == Fault::noSocket ? path + ".none" : path,
                                             .activationTimeout = 1,
-                                            .requireSecureExecution = fault == Fault::notSetGroupId},
+                                            .requireSecureExecution = fault == Fault::notSetGroupId,
+                                            .diagnoseRefusal = [&](const std::string& socket) {
+                                              ++diagnoses;
+                                              return "diagnosed " + socket;
+                                            }},
                                            &error, &failure)
                             .has_value();
   gid_t real = 1, effective = 1, saved = 1;
   ::getresgid(&real, &effective, &saved);
   const std::string text = (acquired ? std::string("acquired") : error->description()) + "\n" +
                            std::to_string(acquired ? 0 : static_cast<int>(failure)) + " gids " +
-                           std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
+                           std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved) +
+                           " diagnoses " + std::to_string(diagnoses);
   (void)!::write(report, text.data(), text.size());
   ::_exit(0);
 }
@@ -136,8 +149,9 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
        LDClientFailure::noHelper},
       {Fault::staleSocket, "sock (a socket file left behind by a stopped listener): start a helper there",
        LDClientFailure::noHelper},
-      {Fault::closeBeforeHello, "The helper closed the connection while waiting to be admitted",
-       LDClientFailure::refused},
+      {Fault::permissionDenied, "sock (permission denied): the socket must be writable by everyone",
+       LDClientFailure::noHelper},
+      {Fault::closeBeforeHello, "diagnosed /tmp/", LDClientFailure::refused},
       {Fault::silent, "The helper did not answer in time while waiting to be admitted", LDClientFailure::timedOut},
       {Fault::malformed, "The helper sent a malformed message while waiting for the listeners"},
       {Fault::busy, "Another program is taking the listeners from the helper right now (refused)",
@@ -182,34 +196,79 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
     ::waitpid(child, nullptr, 0);
     EXPECT_NE(text.find(c.expected), std::string::npos) << "the client said: " << text;
     const int kind = c.expected == "acquired" ? 0 : static_cast<int>(c.failure);
-    const std::string gids = std::to_string(kind) + " gids 0 0 0";  // not "\n" + ...: g++ 12 -O3 -Wrestrict
+    const std::string gids = std::to_string(kind) + " gids 0 0 0 diagnoses " +  // not "\n" + ...: g++ 12 -Wrestrict
+                             (c.fault == Fault::closeBeforeHello ? "1" : "0");
     EXPECT_NE(text.find('\n' + gids), std::string::npos) << text;
   }
 }
 
-// The C interface stores -1 in both places on failure and writes the message truncated to fit,
-// always NUL-terminated, and nothing at all into a buffer of size 0.
-TEST(Client, CInterfaceReportsFailuresInAnyBuffer) {
-  char full[4096];
-  int ipv4 = 7, ipv6 = 7;
-  const int code = ld_acquire_listeners("/nonexistent/helper.sock", &ipv4, &ipv6, full, sizeof full);
-  EXPECT_NE(code, LD_ACQUIRE_OK);
-  EXPECT_EQ(std::pair(ipv4, ipv6), std::pair(-1, -1));
-  ASSERT_GT(std::strlen(full), 16u) << full;
-  EXPECT_EQ(std::strchr(full, '\n'), nullptr) << "one line";
-  for (const size_t size : {size_t{0}, size_t{1}, size_t{16}}) {
-    char buffer[32];
-    std::memset(buffer, 'x', sizeof buffer);
-    EXPECT_EQ(ld_acquire_listeners("/nonexistent/helper.sock", &ipv4, &ipv6, buffer, size), code);
-    if (size == 0) {
-      EXPECT_EQ(buffer[0], 'x') << "nothing written";
-    } else {
-      EXPECT_EQ(std::string(buffer), std::string(full, size - 1));
-      EXPECT_EQ(buffer[size], 'x') << "nothing past the size";
+// What a C caller sees, each case in a process of its own (one call per process): arguments it
+// cannot serve refused before anything is asked or opened, a second call told apart, and a
+// message that a buffer of LD_ACQUIRE_MESSAGE_SIZE holds whole while a smaller one holds its start.
+TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
+  const std::string none = "/nonexistent/helper.sock";
+  auto call = [](const char* path, int* ipv4, int* ipv6, char* buffer, size_t size) {
+    const int code = ld_acquire_listeners(path, ipv4, ipv6, buffer, size);
+    return std::to_string(code) + " " + std::to_string(*ipv4) + " " + std::to_string(*ipv6);
+  };
+  const std::string longPath(10000, 'p');
+  const std::vector<std::pair<std::function<std::string()>, std::string>> cases = {
+      {[&] {
+         const std::set<int> before = ldtest::openDescriptors();
+         int same = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         const std::string result = call(none.c_str(), &same, &same, message, sizeof message);
+         return result + (ldtest::openDescriptors() == before ? " nothing opened: " : " opened: ") + message;
+       },
+       "1 -1 -1 nothing opened: ld_acquire_listeners: ipv4 and ipv6 must be two different places"},
+      {[&] {
+         int ipv4 = 7, ipv6 = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         call(none.c_str(), &ipv4, &ipv6, message, sizeof message);
+         return call(nullptr, &ipv4, &ipv6, message, sizeof message) + " " + message;
+       },
+       "11 -1 -1 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
+      {[&] {
+         int ipv4 = 7, ipv6 = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         const std::string result = call(longPath.c_str(), &ipv4, &ipv6, message, sizeof message);
+         const std::string text = message;
+         return result + " " + std::to_string(text.size()) + " " + text.substr(0, 43) + text.substr(text.size() - 5);
+       },
+       "3 -1 -1 4095 The helper's socket path is too long (10000pp..."},
+      {[&] {
+         int ipv4 = 7, ipv6 = 7;
+         char full[LD_ACQUIRE_MESSAGE_SIZE];
+         call(none.c_str(), &ipv4, &ipv6, full, sizeof full);
+         std::string seen;
+         for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, sizeof full}) {
+           char buffer[LD_ACQUIRE_MESSAGE_SIZE + 1];
+           std::memset(buffer, 'x', sizeof buffer);
+           call(none.c_str(), &ipv4, &ipv6, buffer, size);
+           seen += "[" + std::string(buffer, std::min(size, ::strnlen(buffer, sizeof buffer) + 1) + 1) + "]";
+         }
+         return seen;
+       },
+       "[x][\0x][ld_acquire_list\0x]"},
+  };
+  for (const auto& [run, expected] : cases) {
+    SCOPED_TRACE(expected);
+    int report[2];
+    ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const std::string text = run();
+      (void)!::write(report[1], text.data(), text.size());
+      ::_exit(0);
     }
+    ::close(report[1]);
+    std::string text;
+    char buffer[8192];
+    for (ssize_t got; (got = ::read(report[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(got));
+    ::close(report[0]);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(text.substr(0, expected.size()), expected);
   }
-  EXPECT_EQ(ld_acquire_listeners(nullptr, &ipv4, &ipv6, nullptr, 0), code) << "no message wanted";
-  EXPECT_EQ(ld_acquire_listeners(nullptr, nullptr, &ipv6, full, sizeof full), LD_ACQUIRE_INVALID_ARGUMENT);
 }
 
 // Installed as the helper would refuse it, the demo names the one check it fails before it ever
@@ -243,6 +302,8 @@ TEST(Client, NamesTheAdmissionCheckItWouldFail) {
       {{"/usr/bin/unshare", "-Ur", installed}, "runs in a user namespace of its own"},
       {{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--groups=" + group, installed},
        "is a member of " + installed + "'s group"},
+      {{"/usr/bin/setpriv", "--reuid=65534", "--regid=" + group, "--clear-groups", installed},
+       installed + "'s group (gid " + group + ") is the primary group of the user running it"},
   };
   for (const auto& [prefix, expected] : cases) {
     std::vector<std::string> argv = prefix;
@@ -254,6 +315,69 @@ TEST(Client, NamesTheAdmissionCheckItWouldFail) {
   }
   ::umount2(fuse.c_str(), MNT_DETACH);
   ::umount2(nosuid.c_str(), MNT_DETACH);
+}
+
+// Refused by the real helper, the demo checks its own signature against what the helper requires
+// and names the one part that fails, both values and the command that shows them; when its own
+// signature holds, it blames the helper, built for another identifier or by another build.
+TEST(Client, SaysWhichPartOfItsSignatureTheHelperRefused) {
+  const std::string app = LD_APP_IDENTIFIER;
+  ldtest::ProgramDirectory programs;
+  ldtest::TemporaryDirectory pkiDirectory;
+  ldtest::TestPki pki(pkiDirectory.path());
+  ldtest::TestIdentity buildRoot;
+  buildRoot.keyPath = LD_BUILD_ROOT_KEY;
+  buildRoot.certificatePath = LD_BUILD_ROOT_CERT;
+  const ldssl::Bio key(BIO_new_file(LD_BUILD_ROOT_KEY, "r")), certificate(BIO_new_file(LD_BUILD_ROOT_CERT, "r"));
+  ASSERT_TRUE(key && certificate);
+  buildRoot.key.reset(PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, nullptr));
+  buildRoot.certificate.reset(PEM_read_bio_X509(certificate.get(), nullptr, nullptr, nullptr));
+  const ldtest::TestIdentity otherTeam = pki.makeLeaf(buildRoot, "Other Team", {.team = "OTHERTEAM1"});
+  const ldtest::TestIdentity stranger = pki.makeLeaf(pki.makeRoot("Stranger Root"), "Stranger", {.team = "DEVTEAM001"});
+  auto signedCopy = [&](const std::string& source, const std::string& name, const std::string& identifier,
+                        const ldtest::TestIdentity& signer, bool setGroupId = true) {
+    const std::string path = programs.install(source, name, setGroupId);
+    std::string error;
+    const auto identity = LDLoadSigningIdentity(signer.keyPath, signer.certificatePath, "", &error);
+    EXPECT_TRUE(identity && LDSignFile(path, identifier, *identity, &error)) << name << ": " << error;
+    return path;
+  };
+  const std::string stripped = programs.install(LD_DEMO, "stripped");
+  const std::string bytes = ldtest::readFile(stripped);
+  const LDSignatureLocation signature =
+      LDLocateSignature(bytes.size(), std::string_view(bytes).substr(bytes.size() - LDSignatureTrailerSize));
+  ASSERT_EQ(::truncate(stripped.c_str(), static_cast<off_t>(signature.codeSize)), 0);
+  const std::string otherHelper =
+      signedCopy(LD_HELPER, "other-helper", app + ".local-domain-listener-helper", otherTeam, false);
+  const std::string socket = programs.file("helper.sock"), otherSocket = programs.file("other.sock");
+  ldtest::ChildProcess helper = ldtest::startHelper(LD_HELPER, socket);
+  ldtest::ChildProcess other = ldtest::startHelper(otherHelper, otherSocket);
+
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+      {stripped, socket, " carries no signature, where one as identifier " + app + " by team DEVTEAM001 is required"},
+      {signedCopy(LD_DEMO, "wrong-identifier", app + ".other", otherTeam), socket,
+       "signed as identifier " + app + ".other where the helper requires " + app + ":"},
+      {signedCopy(LD_DEMO, "wrong-team", app, otherTeam), socket,
+       "signed by team OTHERTEAM1 where the helper requires team DEVTEAM001:"},
+      {signedCopy(LD_DEMO, "stranger", app, stranger), socket,
+       "(CN=Stranger,OU=DEVTEAM001,O=Quillfern Test, issued by CN=Stranger Root,O=Quillfern Test) does not chain "
+       "to the root the helper trusts (CN=Quillfern Development Root"},
+      {programs.install(LD_DEMO, "right"), otherSocket,
+       "this program's signature is what its helper requires (identifier " + app + ", team DEVTEAM001, under "},
+  };
+  for (const auto& [program, helperSocket, cause] : cases) {
+    const ldtest::ProcessResult result = ldtest::runProgram({program, "--socket", helperSocket}, 65534);
+    EXPECT_EQ(result.exitStatus, 1) << cause;
+    EXPECT_NE(result.standardError.find("The helper at " + helperSocket + " refused this program: "), std::string::npos)
+        << result.standardError;
+    EXPECT_NE(result.standardError.find(cause), std::string::npos) << result.standardError;
+    EXPECT_NE(result.standardError.find("`ld-codesign display "), std::string::npos) << result.standardError;
+    for (const auto& [ignored, ignoredSocket, otherCause] : cases) {
+      if (otherCause != cause) {
+        EXPECT_EQ(result.standardError.find(otherCause), std::string::npos) << result.standardError;
+      }
+    }
+  }
 }
 
 }  // namespace

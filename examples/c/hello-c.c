@@ -33,7 +33,7 @@ int main(int argc, char **argv) {
   /* Before anything else: afterwards the set-group-ID group is gone, success or not. */
   const char *socket_path = argc == 3 && strcmp(argv[1], "--socket") == 0 ? argv[2] : NULL;
   int ipv4, ipv6;
-  char message[1024];
+  char message[LD_ACQUIRE_MESSAGE_SIZE];
   int code = ld_acquire_listeners(socket_path, &ipv4, &ipv6, message, sizeof message);
   if (code != LD_ACQUIRE_OK) {
     fprintf(stderr, "hello-c: %s (code %d)\n", message, code);

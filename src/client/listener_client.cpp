@@ -179,7 +179,8 @@ Failure refusal(int64_t status, const std::optional<std::string>& message, uint1
 // come from a helper started by hand under socket activation.
 std::string howToStartTheHelper(const std::string& path) {
   const std::string byHand = "systemd-socket-activate --seqpacket -l " + path +
-                             " /path/to/quillfern-local-domain-listener";
+                             " HELPER, where HELPER is " LD_INSTALLED_HELPER
+                             " as installed, or src/quillfern-local-domain-listener in a build tree";
   if (path != LDServiceSocketPath()) return "start a helper there, as root: " + byHand + ".";
   return "the helper's socket unit is not running. With the package installed, run as root: "
          "systemctl enable --now " + std::string(LDMachServiceName) + ".socket. From a source build, "
@@ -189,10 +190,6 @@ std::string howToStartTheHelper(const std::string& path) {
 LDFileHandle connectToHelper(const std::string& path, std::optional<Failure>* failed) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    *failed = problem(LDClientFailure::noHelper, "The helper's socket path is too long: " + path);
-    return LDFileHandle();
-  }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   LDFileHandle socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!socket.isValid()) {
@@ -208,7 +205,10 @@ LDFileHandle connectToHelper(const std::string& path, std::optional<Failure>* fa
                                                      " (a socket file left behind by a stopped listener): " +
                                                      howToStartTheHelper(path));
   } else if (errorNumber == EACCES) {
-    *failed = problem(LDClientFailure::noHelper, "This user may not connect to " + path + " (permission denied).");
+    *failed = problem(LDClientFailure::noHelper,
+                      "This user may not connect to " + path + " (permission denied): the socket must be writable by "
+                      "everyone (SocketMode=0666 in the socket unit; for a helper started by hand, as root: chmod 666 " +
+                          path + ") and every directory above it searchable by this user.");
   } else {
     *failed = Failure{LDClientFailure::systemError, LDSystemCallError("connect(" + path + ")", errorNumber)};
   }
@@ -288,15 +288,27 @@ std::optional<LDAcquiredListeners> acknowledge(int fd, const LDClientOptions& op
 }
 
 std::optional<LDAcquiredListeners> acquire(const LDClientOptions& options, std::optional<Failure>* failed) {
+  const std::string path = options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath;
+  if (path.size() >= sizeof sockaddr_un::sun_path) {
+    *failed = problem(LDClientFailure::noHelper, "The helper's socket path is too long (" + std::to_string(path.size()) +
+                                                     " bytes, where a socket's path holds at most " +
+                                                     std::to_string(sizeof sockaddr_un::sun_path - 1) + "): " + path);
+    return std::nullopt;
+  }
   if (std::optional<std::string> refused = LDSelfAdmissionProblem(options.requireSecureExecution)) {
     *failed = problem(LDClientFailure::notAdmissible, *refused);
     return std::nullopt;
   }
-  const LDFileHandle socket =
-      connectToHelper(options.socketPath.empty() ? LDServiceSocketPath() : options.socketPath, failed);
+  const LDFileHandle socket = connectToHelper(path, failed);
   if (!socket.isValid()) return std::nullopt;
   std::optional<Handoff> handoff = requestListeners(socket.fileDescriptor(), options, failed);
-  if (!handoff) return std::nullopt;
+  if (!handoff) {
+    // Only after a refusal: the diagnosis reads and hashes this program's whole executable.
+    if ((*failed)->kind == LDClientFailure::refused && options.diagnoseRefusal) {
+      *failed = problem(LDClientFailure::refused, options.diagnoseRefusal(path));
+    }
+    return std::nullopt;
+  }
   return acknowledge(socket.fileDescriptor(), options, std::move(*handoff), failed);
 }
 

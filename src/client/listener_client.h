@@ -3,9 +3,11 @@
 // The application's side of the handoff: get the two loopback listeners on port 80 from the
 // helper, check them, and acknowledge.
 
+#include <functional>
 #include <optional>
 #include <string>
 
+#include "client/refusal_diagnosis.h"
 #include "shared/constants.h"
 #include "shared/file_handle.h"
 
@@ -16,6 +18,8 @@ struct LDClientOptions {
   uint16_t port = LDListenerPort;                                      // what the listeners must be bound to
   // Refuse to ask unless this process runs set-group-ID (real and effective gid apart, AT_SECURE).
   bool requireSecureExecution = LDRequireSecureExecution;
+  // What the client says after the helper refused it, given the socket's path; run only then.
+  std::function<std::string(const std::string&)> diagnoseRefusal = LDDiagnoseRefusal;
 };
 
 struct LDAcquiredListeners {

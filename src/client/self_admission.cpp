@@ -56,6 +56,13 @@ std::optional<std::string> executableProblem(int self, const LDExecutableFile& f
 
 // Set-group-ID took effect (AT_SECURE), and only through the executable's group.
 std::optional<std::string> groupProblem(int self, gid_t group, const std::string& path) {
+  const std::optional<LDProcessGroups> groups = LDReadProcessGroups(self);
+  if (!groups) return std::string("This process's groups cannot be read from /proc/self/status.");
+  // The kernel grants no secure execution when the group changes nothing: say why, not that.
+  if (groups->real == group) {
+    return path + "'s group (gid " + std::to_string(group) + ") is the primary group of the user running it, so "
+           "set-group-ID changes nothing. Give the program a group of its own. " + installAdvice(path);
+  }
   // Not LDReadSecureExecution: a set-group-ID process is not dumpable, so the kernel makes its
   // own /proc/self/auxv root's, mode 0400, and the process cannot read it. The loader's copy is
   // the same vector.
@@ -63,15 +70,12 @@ std::optional<std::string> groupProblem(int self, gid_t group, const std::string
     return path + " is set-group-ID, yet it was not started in secure-execution mode: something cancelled "
            "set-group-ID (no-new-privileges, a debugger, a sandbox). Start it directly.";
   }
-  const std::optional<LDProcessGroups> groups = LDReadProcessGroups(self);
-  if (!groups) return std::string("This process's groups cannot be read from /proc/self/status.");
   if (groups->effective != group || groups->saved != group || groups->fileSystem != group) {
     return "This process does not run with the group of " + path + " (effective gid " +
            std::to_string(groups->effective) + ", saved gid " + std::to_string(groups->saved) +
            "): it gave the group up, or something changed it, before asking for the listeners.";
   }
-  if (groups->real == group ||
-      std::find(groups->supplementary.begin(), groups->supplementary.end(), group) != groups->supplementary.end()) {
+  if (std::find(groups->supplementary.begin(), groups->supplementary.end(), group) != groups->supplementary.end()) {
     return "The user running this program is a member of " + path + "'s group (gid " + std::to_string(group) +
            "), so set-group-ID protects nothing. That group must have no members: remove the user from it.";
   }
