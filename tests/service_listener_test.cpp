@@ -171,6 +171,25 @@ TEST_F(ServiceListenerTest, AConnectionEndsWhenItsTimeIsUp) {
   EXPECT_TRUE(runUntil([&] { return seen(client) == "closed"; }, 1'000'000'000));
 }
 
+// Peers gone before they could be pinned are refused by keepers like any other, however many:
+// they cost the helper neither a descriptor for good nor its life.
+TEST_F(ServiceListenerTest, PeersGoneBeforeTheirPinAreRefusedAndCostNothing) {
+  std::optional<int> terminated;
+  listener->setTerminate([&](int status) { terminated = status; });
+  for (size_t i = 0; i < 2 * LDServiceListener::kMaximumConnections; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const LDFileHandle gone = connect();
+      ::_exit(0);
+    }
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  }
+  ASSERT_TRUE(listener->activate());
+  const LDFileHandle served = connect();
+  EXPECT_TRUE(runUntil([&] { return seen(served) == "hello"; }));
+  EXPECT_FALSE(terminated.has_value());
+}
+
 int failingFork() {
   static int calls = 0;
   errno = EAGAIN;

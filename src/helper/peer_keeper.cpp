@@ -18,13 +18,14 @@ namespace {
 int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
 
 // The zygote's request for one keeper: the pin's numbers; its descriptors travel as SCM_RIGHTS in
-// this order: socket, pidfd, /proc/<pid>, channel.
+// this order: socket, channel, then, for a pinned peer, pidfd and /proc/<pid>.
 struct SpawnRequest {
   uint64_t acceptedAfter;
   pid_t pid;
   uid_t uid;
   gid_t gid;
   uint8_t pidfdFromSocket;
+  uint8_t pinned;
 };
 constexpr size_t kSpawnDescriptors = 4;
 
@@ -86,23 +87,25 @@ bool waitReadable(int socket) {
     }
     SpawnReply reply{-1};
     LDFileHandle pidfd;
-    if (descriptors.size() == kSpawnDescriptors) {
+    if (descriptors.size() == (request.pinned != 0 ? kSpawnDescriptors : 2)) {
       const pid_t keeper = forkKeeper();
       if (keeper == 0) {
         LDKeeperStart start;
         start.socket = std::move(descriptors[0]);
+        start.channel = std::move(descriptors[1]);
         start.peer.pid = request.pid;
         start.peer.uid = request.uid;
         start.peer.gid = request.gid;
         start.peer.pidfdFromSocket = request.pidfdFromSocket != 0;
-        start.peer.pidfd = std::move(descriptors[1]);
-        start.peer.processDirectory = std::move(descriptors[2]);
-        start.channel = std::move(descriptors[3]);
+        if (request.pinned != 0) {
+          start.peer.pidfd = std::move(descriptors[2]);
+          start.peer.processDirectory = std::move(descriptors[3]);
+        }
         start.acceptedAfter = request.acceptedAfter;
-        const int kept[] = {start.socket.fileDescriptor(), start.peer.pidfd.fileDescriptor(),
-                            start.peer.processDirectory.fileDescriptor(), start.channel.fileDescriptor()};
+        const int kept[] = {start.socket.fileDescriptor(), start.channel.fileDescriptor(),
+                            start.peer.pidfd.fileDescriptor(), start.peer.processDirectory.fileDescriptor()};
         if (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == zygote && ::signal(SIGCHLD, SIG_DFL) != SIG_ERR &&
-            LDKeepOnlyDescriptors(nullDevice, kept, 4)) {
+            LDKeepOnlyDescriptors(nullDevice, kept, request.pinned != 0 ? 4 : 2)) {
           keeperMain(start);
         }
         LDAwaitKeeperEnd();
@@ -183,11 +186,14 @@ LDKeeperZygote::~LDKeeperZygote() {
 
 std::optional<LDKeeperZygote::Keeper> LDKeeperZygote::spawn(const LDKeeperStart& start) {
   if (!_channel.isValid()) return std::nullopt;
+  const bool pinned = start.peer.pidfd.isValid() && start.peer.processDirectory.isValid();
   const SpawnRequest request{start.acceptedAfter, start.peer.pid, start.peer.uid, start.peer.gid,
-                             start.peer.pidfdFromSocket ? uint8_t{1} : uint8_t{0}};
-  const std::vector<int> descriptors = {start.socket.fileDescriptor(), start.peer.pidfd.fileDescriptor(),
-                                        start.peer.processDirectory.fileDescriptor(),
-                                        start.channel.fileDescriptor()};
+                             start.peer.pidfdFromSocket ? uint8_t{1} : uint8_t{0}, pinned ? uint8_t{1} : uint8_t{0}};
+  std::vector<int> descriptors = {start.socket.fileDescriptor(), start.channel.fileDescriptor()};
+  if (pinned) {
+    descriptors.push_back(start.peer.pidfd.fileDescriptor());
+    descriptors.push_back(start.peer.processDirectory.fileDescriptor());
+  }
   SpawnReply reply{-1};
   std::vector<LDFileHandle> received;
   bool ended = false;

@@ -84,7 +84,8 @@ int LDSendRecord(int socket, const Record& record, const std::vector<int>& descr
 bool LDReceiveRecord(int socket, LDKeeperReport* report, bool* ended);
 bool LDReceiveRecord(int socket, LDKeeperOrder* order, std::vector<LDFileHandle>* descriptors, bool* ended);
 
-// What a keeper starts with: the peer's connection and pin, and its end of the channel.
+// What a keeper starts with: the peer's connection and pin (no pidfd and /proc directory for a
+// peer that could not be pinned: it is only to be refused), and its end of the channel.
 struct LDKeeperStart {
   LDFileHandle socket;
   LDPinnedPeer peer;

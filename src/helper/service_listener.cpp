@@ -249,13 +249,15 @@ void LDServiceListener::keepUntilExit(LDFileHandle socket) {
 
 void LDServiceListener::startKeeper(LDFileHandle socket, uint64_t acceptedAfter) {
   std::string reason;
+  // A peer that cannot be pinned (gone already) is refused, by a keeper all the same: what it put
+  // in flight on its socket is released only by a keeper's exit.
   std::optional<LDPinnedPeer> peer = LDPinPeer(socket.fileDescriptor(), _policy, &reason);
   int pair[2];
-  if (!peer || ::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return keepUntilExit(std::move(socket));
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return keepUntilExit(std::move(socket));
   LDFileHandle channel(pair[0]);
   LDKeeperStart start;
   start.socket = std::move(socket);
-  start.peer = std::move(*peer);
+  if (peer) start.peer = std::move(*peer);
   start.acceptedAfter = acceptedAfter;
   start.channel.reset(pair[1]);
   std::optional<LDKeeperZygote::Keeper> spawned = _zygote->spawn(start);
@@ -402,6 +404,10 @@ void LDServiceListener::serveInKeeper(LDKeeperStart& start) {
     report.kind = kind;
     say(report);
   };
+  if (!start.peer.pidfd.isValid()) {
+    (void)::shutdown(socket, SHUT_RDWR);
+    return sayKind(LDKeeperReportKind::refused);
+  }
   std::optional<LDPeerVerdict> verdict =
       _examination(socket, start.peer, start.acceptedAfter, [&] { sayKind(LDKeeperReportKind::inspected); });
   // A client speaks only after Hello; anything already waiting was sent before it.
