@@ -37,7 +37,7 @@ enum class LDKeeperReportKind : uint8_t {
   checking,  // a message arrived; the check of its sender has begun
   request,   // protocolVersion
   complete,  // protocolVersion, token, accepted
-  barrier,   // every reply ordered before barrier `barrier` has been handed to the kernel
+  written,   // the next reply ordered has been handed to the kernel (replies are written in order)
   closed,    // the connection is over (the peer left, or broke the protocol)
 };
 
@@ -50,14 +50,13 @@ struct LDKeeperReport {
   uint32_t group = 0;
   uint32_t tokenLength = 0;
   int64_t protocolVersion = 0;
-  uint64_t barrier = 0;
   LDExecutableIdentity executable{};
   LDFileVersion before{}, after{};
   char token[LDWireMaximumStringSize] = {};
 };
 
 // Monitor -> keeper. A request reply carries the listeners it flags as SCM_RIGHTS.
-enum class LDKeeperOrderKind : uint8_t { activate = 1, requestReply, completeReply, barrier };
+enum class LDKeeperOrderKind : uint8_t { activate = 1, requestReply, completeReply };
 
 struct LDKeeperOrder {
   LDKeeperOrderKind kind{};
@@ -69,7 +68,6 @@ struct LDKeeperOrder {
   uint32_t messageLength = 0;
   int64_t protocolVersion = 0;
   int64_t status = 0;
-  uint64_t barrier = 0;
   char token[LDWireMaximumStringSize] = {};
   char message[LDWireMaximumStringSize] = {};
 };

@@ -112,12 +112,13 @@ void LDKeptConnection::activate() {
 
 void LDKeptConnection::handle(const LDKeeperReport& report) {
   if (_closed) return;
-  if (report.kind == LDKeeperReportKind::barrier) {
-    const auto found = _barriers.find(report.barrier);
-    if (found == _barriers.end()) return;
-    std::function<void()> barrier = std::move(found->second);
-    _barriers.erase(found);
-    barrier();  // may end the process
+  if (report.kind == LDKeeperReportKind::written) {
+    if (_written < _replies) ++_written;
+    while (!_closed && !_barriers.empty() && _barriers.begin()->first <= _written) {
+      std::function<void()> barrier = std::move(_barriers.begin()->second);
+      _barriers.erase(_barriers.begin());
+      barrier();  // may end the process
+    }
     return;
   }
   if (!_exportedObject) return _broken();
@@ -143,6 +144,7 @@ void LDKeptConnection::handle(const LDKeeperReport& report) {
             reply.handles |= LDWireHandleIPv6;
             descriptors.push_back(ipv6Listener->fileDescriptor());
           }
+          ++_replies;
           order(reply, descriptors);
         },
         this);
@@ -155,6 +157,7 @@ void LDKeptConnection::handle(const LDKeeperReport& report) {
           reply.protocolVersion = protocolVersion;
           reply.status = status;
           fill(reply.message, &reply.messageLength, &reply.messagePresent, replyMessage);
+          ++_replies;
           order(reply);
         },
         this);
@@ -163,12 +166,8 @@ void LDKeptConnection::handle(const LDKeeperReport& report) {
 
 void LDKeptConnection::scheduleSendBarrierBlock(std::function<void()> barrier) {
   if (_closed) return;  // a broken connection never runs its barrier
-  const uint64_t identifier = _nextBarrier++;
-  _barriers.emplace(identifier, std::move(barrier));
-  LDKeeperOrder order{};
-  order.kind = LDKeeperOrderKind::barrier;
-  order.barrier = identifier;
-  this->order(order);
+  if (_written == _replies) return barrier();  // may end the process
+  _barriers.emplace(_replies, std::move(barrier));
 }
 
 // --- The listener, in the monitor.
@@ -319,9 +318,9 @@ void LDServiceListener::report(uint64_t serial, const LDKeeperReport& report) {
       return;
     case LDKeeperReportKind::request:
     case LDKeeperReportKind::complete:
-    case LDKeeperReportKind::barrier:
+    case LDKeeperReportKind::written:
       if (!keeper.connection) return end(serial);
-      if (report.kind != LDKeeperReportKind::barrier) _runLoop.cancel(keeper.timer);
+      if (report.kind != LDKeeperReportKind::written) _runLoop.cancel(keeper.timer);
       keeper.connection->handle(report);  // may end the process
       return;
     default:  // refused, closed, or anything else
@@ -456,15 +455,11 @@ void LDServiceListener::serveInKeeper(LDKeeperStart& start) {
       }
       if (order.kind == LDKeeperOrderKind::activate) {
         connection.activate();
-      } else if (order.kind == LDKeeperOrderKind::barrier) {
-        connection.scheduleSendBarrierBlock([&say, identifier = order.barrier] {
-          LDKeeperReport done{};
-          done.kind = LDKeeperReportKind::barrier;
-          done.barrier = identifier;
-          say(done);
-        });
       } else {
         proxy->answer(order, descriptors);
+        // Runs once the reply has been handed to the kernel, even if the client reads it and
+        // leaves at once: never, if the connection breaks first.
+        connection.scheduleSendBarrierBlock([&sayKind] { sayKind(LDKeeperReportKind::written); });
       }
     }
   });

@@ -30,7 +30,8 @@
 class LDServiceListener;
 
 // The monitor's side of one admitted connection: calls arrive as the keeper's reports, replies
-// and barriers leave as orders to it.
+// leave as orders to it, and the keeper reports each reply once the kernel has it, in order; a
+// barrier runs once every reply ordered before it has been so reported.
 class LDKeptConnection final : public LDListenerConnection {
  public:
   // broken: the channel to the keeper failed; the connection is to be ended.
@@ -41,7 +42,7 @@ class LDKeptConnection final : public LDListenerConnection {
   }
   // Has the keeper send Hello and start serving calls.
   void activate();
-  // A request, completion or barrier report of the keeper.
+  // A request, completion or written report of the keeper.
   void handle(const LDKeeperReport& report);
   // Nothing more is sent; barriers never run.
   void close() { _closed = true; }
@@ -54,8 +55,9 @@ class LDKeptConnection final : public LDListenerConnection {
   int _channel;  // owned by the listener
   std::function<void()> _broken;
   std::shared_ptr<LDListenerHandoff> _exportedObject;
-  std::map<uint64_t, std::function<void()>> _barriers;
-  uint64_t _nextBarrier = 1;
+  std::multimap<uint64_t, std::function<void()>> _barriers;  // by the replies that must be written first
+  uint64_t _replies = 0;  // ordered
+  uint64_t _written = 0;  // reported handed to the kernel
   bool _closed = false;
 };
 

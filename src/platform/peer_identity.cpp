@@ -1,6 +1,7 @@
 #include "platform/peer_identity.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
@@ -26,7 +27,12 @@ constexpr int kSoPeerPidfd = 77;
 // Debian 12's <sys/pidfd.h> declares these without C linkage, so they are called directly.
 int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
 
-bool isAlive(int pidfd) { return ::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0u) == 0; }
+// A pidfd turns readable once its process has exited. Asked with poll, not with signal 0, which
+// for another user's process would need CAP_KILL.
+bool isAlive(int pidfd) {
+  pollfd exited{pidfd, POLLIN, 0};
+  return ::poll(&exited, 1, 0) == 0;
+}
 
 // The peer's pidfd from the socket itself, or else one opened by its pid (*fromSocket false), which
 // names the right process only if that process had started by the accept: LDExaminePeer checks.
