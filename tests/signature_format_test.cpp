@@ -44,15 +44,29 @@ TEST(Requirement, EveryClauseMustHold) {
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a", "t1", true}));
 }
 
+// Untrusted text as LDPrintable shows it, and a message made of escaped parts as
+// LDPrintableMessage shows it ("" where that is the text itself).
 TEST(Printable, EscapesWhatCouldForgeALineAndNothingElse) {
-  for (const auto& [text, shown] : std::initializer_list<std::pair<std::string_view, std::string_view>>{
-           {"CN=Team \xc3\xa9 \xe2\x82\xac \\x41", "CN=Team \xc3\xa9 \xe2\x82\xac \\x41"},  // printable: unchanged
-           {std::string_view("a\nb\r\0\x1b[2J\x7f", 10), "a\\x0ab\\x0d\\x00\\x1b[2J\\x7f"},
-           {"\xc2\x9b \xe2\x80\xa8 \xe2\x80\xae", "\\u{009b} \\u{2028} \\u{202e}"},  // C1, line separator, bidi
-           {"\xff\xc3 \xed\xa0\x80 \xc0\xaf", "\\xff\\xc3 \\xed\\xa0\\x80 \\xc0\\xaf"},  // not UTF-8
+  struct Row {
+    std::string_view text, shown, message;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {"CN=Team \xc3\xa9 \xe2\x82\xac \xd8\x9b \xe2\x81\xb0 \xef\xbb\xbc \xf4\x8f\xbf\xbf", "", ""},  // visible
+           {std::string_view("a\nb\r\0\x1b[2J\x7f", 10), "a\\x0ab\\x0d\\x00\\x1b[2J\\x7f", ""},
+           {"\\x0a \\u{202e}", "\\x5cx0a \\x5cu{202e}", "\\x0a \\u{202e}"},  // an escape spelled by the text
+           {"\xc2\x9b \xc2\xad \xe2\x80\xa8 \xe2\x80\xa9 \xe2\x80\xae", "\\u{009b} \\u{00ad} \\u{2028} \\u{2029} \\u{202e}", ""},
+           {"\xd8\x9c \xe2\x80\x8b \xe2\x80\x8e \xe2\x80\x8f \xe2\x81\xa6 \xe2\x81\xa9 \xef\xbb\xbf",
+            "\\u{061c} \\u{200b} \\u{200e} \\u{200f} \\u{2066} \\u{2069} \\u{feff}", ""},
+           {"\xf3\xa0\x80\x80\xf3\xa0\x81\x81\xf3\xa0\x81\xbf \xef\xb8\x8f \xe1\x85\x9f",
+            "\\u{e0000}\\u{e0041}\\u{e007f} \\u{fe0f} \\u{115f}", ""},  // tags, a variation selector, a filler
+           {"\xff\xc3 \xed\xa0\x80 \xc0\xaf \xf4\x90\x80\x80 \xf5\x80\x80\x80",  // not UTF-8: above U+10FFFF too
+            "\\xff\\xc3 \\xed\\xa0\\x80 \\xc0\\xaf \\xf4\\x90\\x80\\x80 \\xf5\\x80\\x80\\x80", ""},
        }) {
-    EXPECT_EQ(LDPrintable(text), shown);
-    EXPECT_EQ(LDPrintable(LDPrintable(text)), shown);
+    const std::string_view shown = row.shown.empty() ? row.text : row.shown;
+    const std::string_view message = row.message.empty() ? shown : row.message;
+    EXPECT_EQ(LDPrintable(row.text), shown);
+    EXPECT_EQ(LDPrintableMessage(row.text), message);
+    EXPECT_EQ(LDPrintableMessage(message), message);
   }
 }
 
