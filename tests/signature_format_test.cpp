@@ -70,6 +70,22 @@ TEST(Printable, EscapesWhatCouldForgeALineAndNothingElse) {
   }
 }
 
+// Lengths in their shortest definite form only, at the bounds of each form.
+TEST(Der, ReadsOnlyTheShortestDefiniteLength) {
+  const std::string x127(127, 'x'), x128(128, 'x'), x256(256, 'x');
+  for (const auto& [bytes, readable] : std::initializer_list<std::pair<std::string, bool>>{
+           {"\x04\x7f" + x127, true},
+           {"\x04\x81\x80" + x128, true},
+           {std::string("\x04\x82\x01\x00", 4) + x256, true},
+           {"\x04\x81\x7f" + x127, false},                          // long form below 128
+           {std::string("\x04\x82\x00\x80", 4) + x128, false},      // a leading zero octet
+           {"\x04\x81\x80" + x127, false},                          // shorter than it says
+           {"\x04\x80" + x127 + std::string(2, '\0'), false},        // indefinite
+       }) {
+    EXPECT_EQ(LDDerReadOnly(LDBytesOf(bytes), LDDerOctetString).has_value(), readable) << bytes.substr(0, 4);
+  }
+}
+
 TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {
   LDSignatureManifest manifest{"com.example.app", "TEAM1", 1234, {}};
   for (size_t i = 0; i < manifest.sha256.size(); ++i) manifest.sha256[i] = static_cast<uint8_t>(i * 7);
