@@ -327,11 +327,11 @@ int32_t checkNameConstraints(const std::vector<const LDCertificate*>& chain, std
       const std::vector<LDBytes>& permitted = constraints.permittedNames;
       if (!permitted.empty() && std::none_of(permitted.begin(), permitted.end(), within)) {
         return untrusted(detail, outsideProfile, "the name " + LDNameText(subject) +
-                                                     " is outside the subtrees its CA is permitted (name constraints)");
+                                                     " is outside every subtree a CA above it permits (name constraints)");
       }
       if (std::any_of(constraints.excludedNames.begin(), constraints.excludedNames.end(), within)) {
         return untrusted(detail, outsideProfile,
-                         "the name " + LDNameText(subject) + " is in a subtree its CA excludes (name constraints)");
+                         "the name " + LDNameText(subject) + " is in a subtree a CA above it excludes (name constraints)");
       }
     }
   }
