@@ -39,7 +39,7 @@ const std::vector<Knob>& knobs() {
                             "serverAuthAndAny", "empty"}},
       {"authorityKeyIdentifier", {"standard", "absent", "wrongKeyId", "issuerAndSerial", "wrongIssuer", "wrongSerial", "onlyIssuer",
                                   "secondDirectoryName", "emptyKeyId", "issuerSpelledOtherwise", "serialNonMinimal",
-                                  "serialNegative", "ownKeyIdEmpty"}},
+                                  "serialNegative", "ownKeyIdEmpty", "onlySerial"}},
       {"serial", {"standard", "nonMinimal", "negative", "zero", "twentyOctets", "twentyOneOctets"}},
       {"nameString", {"utf8", "printable", "printableBad", "ia5", "ia5High", "utf8Invalid", "utf8Controls", "bmp"}},
       {"team", {"one", "none", "two", "printable"}},
@@ -301,12 +301,12 @@ std::string authorityKeyIdentifier(uint8_t how, const Issued& issuer) {
   const std::string names[] = {"", "", "", der(0xa4, issuer.issuer), otherName, der(0xa4, issuer.issuer),
                                der(0xa4, issuer.issuer), otherName + der(0xa4, issuer.issuer), "",
                                der(0xa4, spelledOtherwise(issuer.issuer)), der(0xa4, issuer.issuer),
-                               der(0xa4, issuer.issuer), ""};
+                               der(0xa4, issuer.issuer), "", ""};
   if (!names[how].empty()) fields += der(0xa1, names[how]);
   if (how == 5) fields += der(0x82, "\x7f");
   if (how == 10) fields += der(0x82, std::string(1, '\0') + issuer.serial);
   if (how == 11) fields += der(0x82, "\xfd");
-  if (how == 3 || how == 4 || how == 7 || how == 9) fields += der(0x82, issuer.serial);
+  if (how == 3 || how == 4 || how == 7 || how == 9 || how == 13) fields += der(0x82, issuer.serial);
   return extension("\x55\x1d\x23", false, der(0x30, fields));
 }
 

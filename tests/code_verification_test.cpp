@@ -178,6 +178,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"intermediates=2 target=intermediate2 extraExtension=permitsTeam", errSecCSSignatureUntrusted},
       {"root=excludesTeam", errSecCSSignatureUntrusted},
       {"extraExtension=excludesTeam", 0},
+      {"extraExtension=nameConstraintsCritical", 0},
       {"intermediates=1 target=intermediate1 extraExtension=permitsWithMaximum", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extraExtension=permitsTeamAndDnsName", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extraExtension=nameConstraintsCritical", errSecCSSignatureUntrusted},
@@ -192,6 +193,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"authorityKeyIdentifier=emptyKeyId", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 authorityKeyIdentifier=ownKeyIdEmpty", errSecCSSignatureUntrusted},
       {"authorityKeyIdentifier=onlyIssuer", errSecCSSignatureInvalid},
+      {"authorityKeyIdentifier=onlySerial", errSecCSSignatureInvalid},
       {"authorityKeyIdentifier=serialNonMinimal", errSecCSSignatureInvalid},
       {"authorityKeyIdentifier=serialNegative", errSecCSSignatureInvalid},
       // Encodings DER forbids, and strings outside their character sets.
