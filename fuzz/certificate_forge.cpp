@@ -39,14 +39,15 @@ const std::vector<Knob>& knobs() {
                             "serverAuthAndAny", "empty"}},
       {"authorityKeyIdentifier", {"standard", "absent", "wrongKeyId", "issuerAndSerial", "wrongIssuer", "wrongSerial", "onlyIssuer",
                                   "secondDirectoryName", "emptyKeyId", "issuerSpelledOtherwise", "serialNonMinimal",
-                                  "serialNegative", "ownKeyIdEmpty", "onlySerial"}},
+                                  "serialNegative", "ownKeyIdEmpty", "onlySerial", "badDirectoryName"}},
       {"serial", {"standard", "nonMinimal", "negative", "zero", "twentyOctets", "twentyOneOctets"}},
-      {"nameString", {"utf8", "printable", "printableBad", "ia5", "ia5High", "utf8Invalid", "utf8Controls", "bmp"}},
+      {"nameString", {"utf8", "printable", "printableBad", "ia5", "ia5High", "utf8Invalid", "utf8Controls", "bmp",
+                      "issuersName"}},
       {"team", {"one", "none", "two", "printable"}},
       {"extraExtension", {"none", "unknown", "unknownCritical", "nameConstraintsCritical", "policiesCritical",
                           "duplicateKeyUsage", "subjectAltName", "permitsTeam", "permitsOtherTeam", "excludesTeam",
                           "excludesOtherTeam", "permitsOrganizationSpelledOtherwise", "permitsWithMaximum",
-                          "permitsTeamAndDnsName"}},
+                          "permitsTeamAndDnsName", "excludesLeaf"}},
       {"algorithm", {"standard", "sha384", "innerDiffers"}},
       {"version", {"v3", "v1", "v2"}},
       {"validity", {"current", "expired", "generalizedTime"}},
@@ -54,7 +55,7 @@ const std::vector<Knob>& knobs() {
       {"signatureValue", {"der", "rNegative", "sPadded"}},
       {"signerAlgorithm", {"standard", "rsaEncryption", "otherDigest"}},
       {"manifest", {"standard", "teamDiffers", "malformed", "attributesUnsorted"}},
-      {"root", {"standard", "serverAuthOnly", "unknownCritical", "excludesTeam"}},
+      {"root", {"standard", "serverAuthOnly", "unknownCritical", "excludesTeam", "permitsTeam"}},
       {"flipAt", numbers(256)},
       {"flipAtHigh", numbers(16)},
   };
@@ -301,12 +302,12 @@ std::string authorityKeyIdentifier(uint8_t how, const Issued& issuer) {
   const std::string names[] = {"", "", "", der(0xa4, issuer.issuer), otherName, der(0xa4, issuer.issuer),
                                der(0xa4, issuer.issuer), otherName + der(0xa4, issuer.issuer), "",
                                der(0xa4, spelledOtherwise(issuer.issuer)), der(0xa4, issuer.issuer),
-                               der(0xa4, issuer.issuer), "", ""};
+                               der(0xa4, issuer.issuer), "", "", der(0xa4, der(0x04, "x"))};
   if (!names[how].empty()) fields += der(0xa1, names[how]);
   if (how == 5) fields += der(0x82, "\x7f");
   if (how == 10) fields += der(0x82, std::string(1, '\0') + issuer.serial);
   if (how == 11) fields += der(0x82, "\xfd");
-  if (how == 3 || how == 4 || how == 7 || how == 9 || how == 13) fields += der(0x82, issuer.serial);
+  if (how == 3 || how == 4 || how == 7 || how == 9 || how >= 13) fields += der(0x82, issuer.serial);
   return extension("\x55\x1d\x23", false, der(0x30, fields));
 }
 
@@ -350,7 +351,7 @@ std::string teamSubtree(const std::string& team) {
 }
 
 std::string extraExtension(uint8_t how, const std::string& keyUsageExtension) {
-  const std::string organization = der(0xa4, der(0x30, attribute(kOrganization, 0x13, "QUILLFERN FORGE")));
+  const std::string organization = der(0xa4, der(0x30, attribute(kOrganization, 0x13, " QUILLFERN   FORGE ")));
   switch (how) {
     case 7: return nameConstraints(false, 0, teamSubtree("TEAMONE001"));
     case 8: return nameConstraints(false, 0, teamSubtree("TEAMTWO002"));
@@ -359,6 +360,10 @@ std::string extraExtension(uint8_t how, const std::string& keyUsageExtension) {
     case 11: return nameConstraints(true, 0, der(0x30, organization));
     case 12: return nameConstraints(true, 0, der(0x30, organization + der(0x81, std::string(1, '\0'))));
     case 13: return nameConstraints(false, 0, teamSubtree("TEAMONE001") + der(0x30, der(0x82, "example.com")));
+    case 14:
+      return nameConstraints(false, 1, der(0x30, der(0xa4, der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") +
+                                                                attribute(kOrganizationalUnit, 0x0c, "TEAMONE001") +
+                                                                attribute(kCommonName, 0x0c, "Forge Leaf")))));
     case 1: return extension("\x2b\x06\x01\x04\x01\x83\xb2\x03\x01", false, der(0x05, ""));
     case 2: return extension("\x2b\x06\x01\x04\x01\x83\xb2\x03\x01", true, der(0x05, ""));
     case 3: return extension("\x55\x1d\x1e", true, der(0x30, der(0xa0, der(0x30, der(0x82, "example.com")))));
@@ -400,6 +405,7 @@ Issued makeCertificate(const LDForgeRecipe& recipe, size_t position, bool isRoot
   const std::string common = leaf && !extras.commonName.empty() ? extras.commonName : commonName(knob(LDForgeNameString), name);
   made.subject = der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") + units + common);
   made.issuer = issuer ? issuer->subject : made.subject;
+  if (knob(LDForgeNameString) == 8 && issuer) made.subject = made.issuer;  // self-issued
   const Issued& signer = issuer ? *issuer : made;
 
   std::string extensions;
@@ -409,7 +415,8 @@ Issued makeCertificate(const LDForgeRecipe& recipe, size_t position, bool isRoot
                 extendedKeyUsage(rootHow == 1 ? 3 : knob(LDForgeExtendedKeyUsage), authority) +
                 extension("\x55\x1d\x0e", false, der(0x04, identifiers == 12 ? "" : keyIdentifier));
   if (issuer) extensions += authorityKeyIdentifier(identifiers, *issuer);
-  extensions += extraExtension(rootHow == 2 ? 2 : rootHow == 3 ? 9 : knob(LDForgeExtraExtension), usage);
+  static constexpr uint8_t kRootExtra[] = {0, 0, 2, 9, 7};
+  extensions += extraExtension(isRoot ? kRootExtra[rootHow] : knob(LDForgeExtraExtension), usage);
   for (size_t i = 0; leaf && i < extras.unknownExtensions; ++i) {
     std::string arc;  // 1.2.3.i, i in base 128: about 11 octets each, 90,000 of them below 1 MiB
     for (size_t rest = i; rest > 0 || arc.empty(); rest >>= 7) arc.insert(0, 1, static_cast<char>((rest & 0x7f) | (arc.empty() ? 0 : 0x80)));

@@ -177,6 +177,8 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"intermediates=1 target=intermediate1 extraExtension=permitsOrganizationSpelledOtherwise", 0},
       {"intermediates=2 target=intermediate2 extraExtension=permitsTeam", errSecCSSignatureUntrusted},
       {"root=excludesTeam", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extraExtension=excludesLeaf", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 nameString=issuersName root=permitsTeam", 0},  // self-issued: not judged
       {"extraExtension=excludesTeam", 0},
       {"extraExtension=nameConstraintsCritical", 0},
       {"intermediates=1 target=intermediate1 extraExtension=permitsWithMaximum", errSecCSSignatureUntrusted},
@@ -194,6 +196,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"intermediates=1 target=intermediate1 authorityKeyIdentifier=ownKeyIdEmpty", errSecCSSignatureUntrusted},
       {"authorityKeyIdentifier=onlyIssuer", errSecCSSignatureInvalid},
       {"authorityKeyIdentifier=onlySerial", errSecCSSignatureInvalid},
+      {"authorityKeyIdentifier=badDirectoryName", errSecCSSignatureInvalid},
       {"authorityKeyIdentifier=serialNonMinimal", errSecCSSignatureInvalid},
       {"authorityKeyIdentifier=serialNegative", errSecCSSignatureInvalid},
       // Encodings DER forbids, and strings outside their character sets.

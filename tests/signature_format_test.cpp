@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "shared/printable.h"
+#include "signing/certificate.h"
 #include "signing/code_signature.h"
 #include "signing/requirement.h"
 
@@ -68,6 +69,37 @@ TEST(Printable, EscapesWhatCouldForgeALineAndNothingElse) {
     EXPECT_EQ(LDPrintableMessage(row.text), message);
     EXPECT_EQ(LDPrintableMessage(message), message);
   }
+}
+
+// Names compared as OpenSSL's X509_NAME_cmp compares them (ASCII letters folded, white space cut
+// and runs of it made one, string types alike), and a subtree as a prefix of whole RDNs.
+TEST(Names, MatchAndNestAsOpenSSLReadsThem) {
+  const auto name = [](std::initializer_list<std::pair<uint8_t, std::string_view>> values) {
+    std::string rdns;
+    for (const auto& [tag, value] : values) {
+      const std::string attribute = std::string("\x06\x03\x55\x04\x03") + static_cast<char>(tag) +
+                                    static_cast<char>(value.size()) + std::string(value);
+      rdns += "\x31" + std::string(1, static_cast<char>(attribute.size() + 2)) + "\x30" +
+              std::string(1, static_cast<char>(attribute.size())) + attribute;
+    }
+    return "\x30" + std::string(1, static_cast<char>(rdns.size())) + rdns;
+  };
+  const uint8_t utf8 = LDDerUTF8String, printable = LDDerPrintableString;
+  for (const auto& [a, b, same] : std::initializer_list<std::tuple<std::string, std::string, bool>>{
+           {name({{utf8, "Forge AZ"}}), name({{printable, "forge az"}}), true},
+           {name({{utf8, " \t a \r\n\v\f b "}}), name({{utf8, "a b"}}), true},
+           {name({{utf8, "@["}}), name({{utf8, "`{"}}), false},
+           {name({{utf8, "\x08" "a\x0e"}}), name({{utf8, "a"}}), false},
+           {name({{utf8, "\xc3\x89"}}), name({{utf8, "\xc3\xa9"}}), false},
+           {name({{utf8, "a"}, {utf8, "b"}}), name({{utf8, "a"}}), false},
+       }) {
+    EXPECT_EQ(LDNamesMatch(LDBytesOf(a), LDBytesOf(b)), same) << a;
+  }
+  const std::string whole = name({{utf8, "O"}, {utf8, "OU"}});
+  EXPECT_TRUE(LDNameIsWithin(LDBytesOf(whole), LDBytesOf(whole)));
+  EXPECT_TRUE(LDNameIsWithin(LDBytesOf(whole), LDBytesOf(name({{printable, "o"}}))));
+  EXPECT_FALSE(LDNameIsWithin(LDBytesOf(whole), LDBytesOf(name({{utf8, "OU"}}))));
+  EXPECT_FALSE(LDNameIsWithin(LDBytesOf(name({{utf8, "O"}})), LDBytesOf(whole)));
 }
 
 // Lengths in their shortest definite form only, at the bounds of each form.

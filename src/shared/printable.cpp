@@ -39,7 +39,7 @@ std::string escape(std::string_view text, bool backslash) {
       ++at;
     } else if (LDIsInvisible(codePoint)) {
       out += "\\u{";
-      appendHex(out, codePoint, codePoint > 0xfffff ? 6 : codePoint > 0xffff ? 5 : 4);
+      appendHex(out, codePoint, codePoint > 0xffff ? 5 : 4);  // kInvisible ends at U+E0FFF
       out += "}";
       at += length;
     } else {
