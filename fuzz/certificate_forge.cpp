@@ -4,6 +4,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <cctype>
 #include <stdexcept>
 
 #include "signing/code_signature.h"
@@ -30,23 +31,31 @@ const std::vector<Knob>& knobs() {
       {"target", {"leaf", "intermediate1", "intermediate2", "intermediate3", "intermediate4", "intermediate5",
                   "intermediate6", "intermediate7", "intermediate8"}},
       {"key", {"p256", "p384", "rsa2048", "rsa1024", "p521", "ed25519"}},
-      {"basicConstraints", {"standard", "absent", "caNotCritical", "notCA", "caFalseExplicit", "pathLen0", "pathLen1"}},
+      {"basicConstraints", {"standard", "absent", "caNotCritical", "notCA", "caFalseExplicit", "pathLen0", "pathLen1",
+                            "notCAWithPathLen"}},
       {"keyUsage", {"standard", "absent", "digitalSignature", "certSign", "keyEncipherment", "paddingBitsSet",
-                    "trailingZeroOctet", "signatureAndCertSign"}},
-      {"extendedKeyUsage", {"standard", "absent", "codeSigning", "serverAuth", "anyExtendedKeyUsage", "serverAuthAndCodeSigning"}},
-      {"authorityKeyIdentifier", {"standard", "absent", "wrongKeyId", "issuerAndSerial", "wrongIssuer", "wrongSerial", "onlyIssuer"}},
+                    "trailingZeroOctet", "signatureAndCertSign", "unusedBitsShort"}},
+      {"extendedKeyUsage", {"standard", "absent", "codeSigning", "serverAuth", "anyExtendedKeyUsage", "serverAuthAndCodeSigning",
+                            "serverAuthAndAny", "empty"}},
+      {"authorityKeyIdentifier", {"standard", "absent", "wrongKeyId", "issuerAndSerial", "wrongIssuer", "wrongSerial", "onlyIssuer",
+                                  "secondDirectoryName", "emptyKeyId", "issuerSpelledOtherwise", "serialNonMinimal",
+                                  "serialNegative", "ownKeyIdEmpty", "onlySerial", "badDirectoryName"}},
       {"serial", {"standard", "nonMinimal", "negative", "zero", "twentyOctets", "twentyOneOctets"}},
-      {"nameString", {"utf8", "printable", "printableBad", "ia5", "ia5High", "utf8Invalid", "utf8Controls", "bmp"}},
+      {"nameString", {"utf8", "printable", "printableBad", "ia5", "ia5High", "utf8Invalid", "utf8Controls", "bmp",
+                      "issuersName"}},
       {"team", {"one", "none", "two", "printable"}},
       {"extraExtension", {"none", "unknown", "unknownCritical", "nameConstraintsCritical", "policiesCritical",
-                          "duplicateKeyUsage", "subjectAltName"}},
+                          "duplicateKeyUsage", "subjectAltName", "permitsTeam", "permitsOtherTeam", "excludesTeam",
+                          "excludesOtherTeam", "permitsOrganizationSpelledOtherwise", "permitsWithMaximum",
+                          "permitsTeamAndDnsName", "excludesLeaf"}},
       {"algorithm", {"standard", "sha384", "innerDiffers"}},
       {"version", {"v3", "v1", "v2"}},
       {"validity", {"current", "expired", "generalizedTime"}},
       {"encoding", {"der", "longFormLength"}},
       {"signatureValue", {"der", "rNegative", "sPadded"}},
       {"signerAlgorithm", {"standard", "rsaEncryption", "otherDigest"}},
-      {"manifest", {"standard", "teamDiffers", "malformed"}},
+      {"manifest", {"standard", "teamDiffers", "malformed", "attributesUnsorted"}},
+      {"root", {"standard", "serverAuthOnly", "unknownCritical", "excludesTeam", "permitsTeam"}},
       {"flipAt", numbers(256)},
       {"flipAtHigh", numbers(16)},
   };
@@ -245,6 +254,7 @@ std::string basicConstraints(uint8_t how, bool authority) {
     case 4: return extension("\x55\x1d\x13", true, der(0x30, der(0x01, std::string(1, '\0'))));
     case 5: return extension("\x55\x1d\x13", true, der(0x30, kTrue + der(0x02, std::string(1, '\0'))));
     case 6: return extension("\x55\x1d\x13", true, der(0x30, kTrue + der(0x02, "\x01")));
+    case 7: return extension("\x55\x1d\x13", true, der(0x30, der(0x02, std::string(1, '\0'))));
     default: return extension("\x55\x1d\x13", true, authority ? ca : der(0x30, ""));
   }
 }
@@ -256,7 +266,8 @@ std::string keyUsage(uint8_t how, bool authority) {
       "", "", "\x07\x80", "\x01\x06", "\x05\x20",
       "\x07\x84",                                   // digitalSignature, and bit 5 set in the padding
       std::string_view("\x01\x06\x00", 3),           // keyCertSign and cRLSign, then a zero octet
-      "\x01\x86"};
+      "\x01\x86",
+      std::string_view("\x00\x80", 2)};             // digitalSignature, its 7 trailing zeros not unused
   if (how == 1) return "";
   const std::string_view bits = how != 0 ? kBits[how] : authority ? kBits[3] : kBits[2];
   return extension("\x55\x1d\x0f", true, der(0x03, bits));
@@ -264,19 +275,39 @@ std::string keyUsage(uint8_t how, bool authority) {
 
 std::string extendedKeyUsage(uint8_t how, bool authority) {
   const std::string code = oid(kCodeSigning), server = oid(kServerAuth), any = oid(std::string_view("\x55\x1d\x25\x00", 4));
-  const std::string purposes[] = {authority ? "" : code, "", code, server, any, server + code};
+  const std::string purposes[] = {authority ? "" : code, "", code, server, any, server + code, server + any, ""};
+  if (how == 7) return extension("\x55\x1d\x25", false, der(0x30, ""));
   return purposes[how].empty() ? "" : extension("\x55\x1d\x25", false, der(0x30, purposes[how]));
 }
 
+// The same Name in capitals and PrintableStrings: another encoding, the same to X509_NAME_cmp.
+// The forge's names are short (all lengths in one octet) and their values printable.
+std::string spelledOtherwise(std::string name) {
+  for (size_t at = 2; at < name.size();) {
+    const size_t value = at + 6 + static_cast<uint8_t>(name[at + 5]);  // SET, SEQUENCE, OID, then the value
+    name[value] = 0x13;
+    const size_t end = value + 2 + static_cast<uint8_t>(name[value + 1]);
+    for (size_t i = value + 2; i < end; ++i) name[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[i])));
+    at = end;
+  }
+  return name;
+}
+
 std::string authorityKeyIdentifier(uint8_t how, const Issued& issuer) {
-  std::string keyIdentifier = issuer.subjectKeyIdentifier;
   if (how == 1) return "";
+  std::string keyIdentifier = how == 8 ? "" : issuer.subjectKeyIdentifier;
   if (how == 2) keyIdentifier[0] = static_cast<char>(keyIdentifier[0] ^ 0x01);
   std::string fields = der(0x80, keyIdentifier);
-  const std::string otherName = simpleName("Forge Nobody");
-  if (how >= 3) fields += der(0xa1, der(0xa4, how == 4 ? otherName : issuer.issuer));
-  if (how == 3 || how == 4) fields += der(0x82, issuer.serial);
+  const std::string otherName = der(0xa4, simpleName("Forge Nobody"));
+  const std::string names[] = {"", "", "", der(0xa4, issuer.issuer), otherName, der(0xa4, issuer.issuer),
+                               der(0xa4, issuer.issuer), otherName + der(0xa4, issuer.issuer), "",
+                               der(0xa4, spelledOtherwise(issuer.issuer)), der(0xa4, issuer.issuer),
+                               der(0xa4, issuer.issuer), "", "", der(0xa4, der(0x04, "x"))};
+  if (!names[how].empty()) fields += der(0xa1, names[how]);
   if (how == 5) fields += der(0x82, "\x7f");
+  if (how == 10) fields += der(0x82, std::string(1, '\0') + issuer.serial);
+  if (how == 11) fields += der(0x82, "\xfd");
+  if (how == 3 || how == 4 || how == 7 || how == 9 || how >= 13) fields += der(0x82, issuer.serial);
   return extension("\x55\x1d\x23", false, der(0x30, fields));
 }
 
@@ -309,8 +340,30 @@ std::string commonName(uint8_t how, const std::string& text) {
   }
 }
 
+// nameConstraints with one kind of subtrees (0 permitted, 1 excluded).
+std::string nameConstraints(bool critical, uint8_t kind, const std::string& subtrees) {
+  return extension("\x55\x1d\x1e", critical, der(0x30, der(static_cast<uint8_t>(0xa0 | kind), subtrees)));
+}
+
+std::string teamSubtree(const std::string& team) {
+  return der(0x30, der(0xa4, der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") +
+                                           attribute(kOrganizationalUnit, 0x0c, team))));
+}
+
 std::string extraExtension(uint8_t how, const std::string& keyUsageExtension) {
+  const std::string organization = der(0xa4, der(0x30, attribute(kOrganization, 0x13, " QUILLFERN   FORGE ")));
   switch (how) {
+    case 7: return nameConstraints(false, 0, teamSubtree("TEAMONE001"));
+    case 8: return nameConstraints(false, 0, teamSubtree("TEAMTWO002"));
+    case 9: return nameConstraints(true, 1, teamSubtree("TEAMONE001"));
+    case 10: return nameConstraints(false, 1, teamSubtree("TEAMTWO002"));
+    case 11: return nameConstraints(true, 0, der(0x30, organization));
+    case 12: return nameConstraints(true, 0, der(0x30, organization + der(0x81, std::string(1, '\0'))));
+    case 13: return nameConstraints(false, 0, teamSubtree("TEAMONE001") + der(0x30, der(0x82, "example.com")));
+    case 14:
+      return nameConstraints(false, 1, der(0x30, der(0xa4, der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") +
+                                                                attribute(kOrganizationalUnit, 0x0c, "TEAMONE001") +
+                                                                attribute(kCommonName, 0x0c, "Forge Leaf")))));
     case 1: return extension("\x2b\x06\x01\x04\x01\x83\xb2\x03\x01", false, der(0x05, ""));
     case 2: return extension("\x2b\x06\x01\x04\x01\x83\xb2\x03\x01", true, der(0x05, ""));
     case 3: return extension("\x55\x1d\x1e", true, der(0x30, der(0xa0, der(0x30, der(0x82, "example.com")))));
@@ -330,8 +383,10 @@ std::string validity(uint8_t how, bool longForm) {
 
 // The certificate at position (0 the leaf, 1.. the intermediates upwards, or the root itself),
 // issued by issuer, changed as the recipe says when it is the target.
+// A root's changes are the root knob's (0 the plain root); a leaf's also extras.
 Issued makeCertificate(const LDForgeRecipe& recipe, size_t position, bool isRoot, EVP_PKEY* key,
-                       const std::string& keyIdentifier, const Issued* issuer) {
+                       const std::string& keyIdentifier, const Issued* issuer, const LDForgeLeafExtras& extras = {},
+                       uint8_t rootHow = 0) {
   const bool target = !isRoot && recipe[LDForgeTarget] == position;
   const auto knob = [&](LDForgeKnob k) -> uint8_t { return target ? recipe[k] : 0; };
   const bool authority = isRoot || position > 0;
@@ -346,17 +401,27 @@ Issued makeCertificate(const LDForgeRecipe& recipe, size_t position, bool isRoot
     if (team != 1) units = attribute(kOrganizationalUnit, team == 3 ? 0x13 : 0x0c, "TEAMONE001");
     if (team == 2) units += attribute(kOrganizationalUnit, 0x0c, "SECONDUNIT");
   }
-  made.subject = der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") + units + commonName(knob(LDForgeNameString), name));
+  const bool leaf = !isRoot && position == 0;
+  const std::string common = leaf && !extras.commonName.empty() ? extras.commonName : commonName(knob(LDForgeNameString), name);
+  made.subject = der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") + units + common);
   made.issuer = issuer ? issuer->subject : made.subject;
+  if (knob(LDForgeNameString) == 8 && issuer) made.subject = made.issuer;  // self-issued
   const Issued& signer = issuer ? *issuer : made;
 
   std::string extensions;
   const std::string usage = keyUsage(knob(LDForgeKeyUsage), authority);
+  const uint8_t identifiers = knob(LDForgeAuthorityKeyIdentifier);
   extensions += basicConstraints(knob(LDForgeBasicConstraints), authority) + usage +
-                extendedKeyUsage(knob(LDForgeExtendedKeyUsage), authority) +
-                extension("\x55\x1d\x0e", false, der(0x04, keyIdentifier));
-  if (issuer) extensions += authorityKeyIdentifier(knob(LDForgeAuthorityKeyIdentifier), *issuer);
-  extensions += extraExtension(knob(LDForgeExtraExtension), usage);
+                extendedKeyUsage(rootHow == 1 ? 3 : knob(LDForgeExtendedKeyUsage), authority) +
+                extension("\x55\x1d\x0e", false, der(0x04, identifiers == 12 ? "" : keyIdentifier));
+  if (issuer) extensions += authorityKeyIdentifier(identifiers, *issuer);
+  static constexpr uint8_t kRootExtra[] = {0, 0, 2, 9, 7};
+  extensions += extraExtension(isRoot ? kRootExtra[rootHow] : knob(LDForgeExtraExtension), usage);
+  for (size_t i = 0; leaf && i < extras.unknownExtensions; ++i) {
+    std::string arc;  // 1.2.3.i, i in base 128: about 11 octets each, 90,000 of them below 1 MiB
+    for (size_t rest = i; rest > 0 || arc.empty(); rest >>= 7) arc.insert(0, 1, static_cast<char>((rest & 0x7f) | (arc.empty() ? 0 : 0x80)));
+    extensions += extension("\x2a\x03" + arc, false, "");
+  }
 
   const uint8_t algorithm = knob(LDForgeAlgorithm), version = knob(LDForgeVersion);
   const std::string outerAlgorithm = signatureAlgorithm(signer.key, algorithm == 1);
@@ -391,9 +456,10 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   const std::string sha256 = der(0x30, oid("\x60\x86\x48\x01\x65\x03\x04\x02\x01"));
   const std::string pkcs9 = "\x2a\x86\x48\x86\xf7\x0d\x01\x09";
   const std::string data = oid("\x2a\x86\x48\x86\xf7\x0d\x01\x07\x01");
-  const std::string attributes =
-      der(0x30, oid(pkcs9 + "\x03") + der(0x31, data)) +
+  const std::string contentType = der(0x30, oid(pkcs9 + "\x03") + der(0x31, data));
+  const std::string messageDigest =
       der(0x30, oid(pkcs9 + "\x04") + der(0x31, der(0x04, std::string(reinterpret_cast<char*>(digest), digestSize))));
+  const std::string attributes = manifestHow == 3 ? messageDigest + contentType : contentType + messageDigest;
   const Issued& leaf = chain.front();
   const uint8_t signerAlgorithm = recipe[LDForgeSignerAlgorithm];
   const std::string algorithm = signerAlgorithm == 1 ? der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01") + der(0x05, ""))
@@ -422,27 +488,36 @@ LDCertificateForge::LDCertificateForge() {
   _targetKeys.push_back(keyPair(generate("RSA", nullptr, 1024)));
   _targetKeys.push_back(keyPair(generate("EC", "P-521")));
   _targetKeys.push_back(keyPair(generate("ED25519", nullptr)));
-  _rootDer = makeCertificate(LDForgeRecipe{}, 0, true, _chainKeys[0].key.get(), _chainKeys[0].subjectKeyIdentifier, nullptr).encoding;
-  const auto* cursor = reinterpret_cast<const unsigned char*>(_rootDer.data());
-  ldssl::Certificate root(d2i_X509(nullptr, &cursor, static_cast<long>(_rootDer.size())));
-  ldssl::Bio out(BIO_new(BIO_s_mem()));
-  if (!root || PEM_write_bio_X509(out.get(), root.get()) != 1) throw std::runtime_error("forge: root");
-  char* text = nullptr;
-  const long length = BIO_get_mem_data(out.get(), &text);
-  _rootPem.assign(text, static_cast<size_t>(length));
+  for (uint8_t how = 0; how < knobs()[LDForgeRoot].values.size(); ++how) {
+    Root made;
+    made.der = makeCertificate(LDForgeRecipe{}, 0, true, _chainKeys[0].key.get(), _chainKeys[0].subjectKeyIdentifier,
+                               nullptr, {}, how).encoding;
+    const auto* cursor = reinterpret_cast<const unsigned char*>(made.der.data());
+    ldssl::Certificate root(d2i_X509(nullptr, &cursor, static_cast<long>(made.der.size())));
+    ldssl::Bio out(BIO_new(BIO_s_mem()));
+    if (!root || PEM_write_bio_X509(out.get(), root.get()) != 1) throw std::runtime_error("forge: root");
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(out.get(), &text);
+    made.pem.assign(text, static_cast<size_t>(length));
+    _roots.push_back(std::move(made));
+  }
 }
 
-std::string LDCertificateForge::signatureBlob(const LDForgeRecipe& recipe) const {
+std::string LDCertificateForge::commonName(uint8_t tag, std::string_view value) {
+  return attribute(kCommonName, tag, value);
+}
+
+std::string LDCertificateForge::signatureBlob(const LDForgeRecipe& recipe, const LDForgeLeafExtras& extras) const {
   // Built from the root down: every certificate needs its issuer's name, key and identifiers.
   Issued root = makeCertificate(LDForgeRecipe{}, 0, true, _chainKeys[0].key.get(), _chainKeys[0].subjectKeyIdentifier, nullptr);
-  root.encoding = _rootDer;  // the anchor itself, byte for byte
+  root.encoding = _roots[recipe[LDForgeRoot]].der;  // the anchor itself, byte for byte
   const size_t intermediates = recipe[LDForgeIntermediates];
   std::vector<Issued> chain(intermediates + 1);
   for (size_t position = intermediates + 1; position-- > 0;) {
     const bool target = recipe[LDForgeTarget] == position;
     const KeyPair& pair = target ? _targetKeys[recipe[LDForgeKey]] : _chainKeys[position + 1];
     const Issued* issuer = position == intermediates ? &root : &chain[position + 1];
-    chain[position] = makeCertificate(recipe, position, false, pair.key.get(), pair.subjectKeyIdentifier, issuer);
+    chain[position] = makeCertificate(recipe, position, false, pair.key.get(), pair.subjectKeyIdentifier, issuer, extras);
   }
   std::string blob = signedData(recipe, chain, root);
   if (const size_t flip = recipe[LDForgeFlipAtHigh] * 256u + recipe[LDForgeFlipAt]; flip != 0) {

@@ -39,6 +39,7 @@ enum LDForgeKnob : uint8_t {
   LDForgeSignatureValue,     // the encoding of its issuer's ECDSA signature
   LDForgeSignerAlgorithm,    // the SignerInfo's signature algorithm
   LDForgeManifest,
+  LDForgeRoot,               // which of the forge's roots is the anchor and issues the chain
   LDForgeFlipAt,             // a byte of the finished blob flipped, by position (0: none)
   LDForgeFlipAtHigh,
   LDForgeKnobCount,
@@ -56,13 +57,24 @@ std::string LDForgeRecipeText(const LDForgeRecipe& recipe);
 // intermediate), the plain one first.
 std::vector<LDForgeRecipe> LDForgeSingleChanges();
 
+// What no knob says: the leaf's common name as an attribute of any string type and contents,
+// and a number of unknown extensions (each its own object identifier) added to the leaf.
+struct LDForgeLeafExtras {
+  std::string commonName;  // an AttributeTypeAndValue's SET, as encoded; "" for the knob's
+  size_t unknownExtensions = 0;
+};
+
 class LDCertificateForge {
  public:
-  // Makes the test root and the keys (a few hundred milliseconds, RSA included).
+  // Makes the test roots and the keys (a few hundred milliseconds, RSA included).
   LDCertificateForge();
-  const std::string& rootPem() const { return _rootPem; }
+  // The anchor of recipes whose root knob is root (the plain root by default).
+  const std::string& rootPem(uint8_t root = 0) const { return _roots.at(root).pem; }
+  uint8_t rootCount() const { return static_cast<uint8_t>(_roots.size()); }
   // The CMS SignedData blob the recipe describes, over a manifest for the 4 bytes "code".
-  std::string signatureBlob(const LDForgeRecipe& recipe) const;
+  std::string signatureBlob(const LDForgeRecipe& recipe, const LDForgeLeafExtras& extras = {}) const;
+  // A common name of this string type (tag) and contents, for LDForgeLeafExtras.
+  static std::string commonName(uint8_t tag, std::string_view value);
 
   struct KeyPair {
     ldssl::Key key;
@@ -72,5 +84,8 @@ class LDCertificateForge {
  private:
   std::vector<KeyPair> _chainKeys;     // the root's first, then one per position in the chain
   std::vector<KeyPair> _targetKeys;    // one per value of LDForgeKey
-  std::string _rootDer, _rootPem;
+  struct Root {
+    std::string der, pem;
+  };
+  std::vector<Root> _roots;            // one per value of LDForgeRoot
 };

@@ -125,13 +125,20 @@ struct Verdict {
   std::optional<std::string> disagreement;  // what OpenSSL's verification says differently
 };
 
-Verdict judge(const std::string& blob) {
-  static const LDTrustAnchors anchors = LDTrustAnchors::fromPEM(forge().rootPem());
-  static const LDOpenSSLAnchors* const reference = new LDOpenSSLAnchors(forge().rootPem());
+// The verdict on blob with the forge's root number root as the anchor.
+Verdict judge(const std::string& blob, uint8_t root = 0) {
+  static const auto* const anchors = [] {
+    auto* all = new std::vector<std::pair<LDTrustAnchors, const LDOpenSSLAnchors*>>;
+    for (uint8_t r = 0; r < forge().rootCount(); ++r) {
+      all->emplace_back(LDTrustAnchors::fromPEM(forge().rootPem(r)), new LDOpenSSLAnchors(forge().rootPem(r)));
+    }
+    return all;
+  }();
+  const auto& [ours, reference] = anchors->at(root);
   const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
   std::string detail = contents.detail;
-  const int32_t status = contents.status ? contents.status : LDVerifyChain(contents, anchors.certificates(), &detail);
-  return {status, detail, LDDisagreementWithOpenSSL(blob, anchors, *reference)};
+  const int32_t status = contents.status ? contents.status : LDVerifyChain(contents, ours.certificates(), &detail);
+  return {status, detail, LDDisagreementWithOpenSSL(blob, ours, *reference)};
 }
 
 // Each bad encoding and each chain policy, planted into an otherwise valid signature: the status
@@ -154,14 +161,44 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"intermediates=2 target=intermediate2 basicConstraints=pathLen1", 0},
       {"intermediates=1 target=intermediate1 basicConstraints=pathLen0", 0},
       {"intermediates=1 target=intermediate1 extendedKeyUsage=serverAuth", errSecCSSignatureUntrusted},
-      {"intermediates=1 target=intermediate1 extendedKeyUsage=anyExtendedKeyUsage", 0},
+      // anyExtendedKeyUsage grants no purpose (OpenSSL's xku_reject), beside serverAuth or alone.
+      {"intermediates=1 target=intermediate1 extendedKeyUsage=anyExtendedKeyUsage", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extendedKeyUsage=serverAuthAndAny", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extendedKeyUsage=serverAuthAndCodeSigning", 0},
+      {"intermediates=1 target=intermediate1 extendedKeyUsage=empty", errSecCSSignatureInvalid},
+      {"root=serverAuthOnly", errSecCSSignatureUntrusted},
+      {"root=unknownCritical", errSecCSSignatureUntrusted},
+      // Name constraints of every CA, critical or not, over every name below it; a leaf's own
+      // constrain nothing; forms other than directory names refuse the chain.
+      {"intermediates=1 target=intermediate1 extraExtension=permitsTeam", 0},
+      {"intermediates=1 target=intermediate1 extraExtension=permitsOtherTeam", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extraExtension=excludesTeam", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extraExtension=excludesOtherTeam", 0},
+      {"intermediates=1 target=intermediate1 extraExtension=permitsOrganizationSpelledOtherwise", 0},
+      {"intermediates=2 target=intermediate2 extraExtension=permitsTeam", errSecCSSignatureUntrusted},
+      {"root=excludesTeam", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extraExtension=excludesLeaf", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 nameString=issuersName root=permitsTeam", 0},  // self-issued: not judged
+      {"extraExtension=excludesTeam", 0},
+      {"extraExtension=nameConstraintsCritical", 0},
+      {"intermediates=1 target=intermediate1 extraExtension=permitsWithMaximum", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extraExtension=permitsTeamAndDnsName", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extraExtension=nameConstraintsCritical", errSecCSSignatureUntrusted},
       // The authority key identifier names the issuer, where it says anything.
       {"authorityKeyIdentifier=wrongKeyId", errSecCSSignatureUntrusted},
       {"authorityKeyIdentifier=issuerAndSerial", 0},
+      {"intermediates=1 authorityKeyIdentifier=issuerAndSerial", 0},
+      {"authorityKeyIdentifier=issuerSpelledOtherwise", 0},
       {"authorityKeyIdentifier=wrongIssuer", errSecCSSignatureUntrusted},
+      {"authorityKeyIdentifier=secondDirectoryName", errSecCSSignatureUntrusted},
       {"authorityKeyIdentifier=wrongSerial", errSecCSSignatureUntrusted},
+      {"authorityKeyIdentifier=emptyKeyId", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 authorityKeyIdentifier=ownKeyIdEmpty", errSecCSSignatureUntrusted},
+      {"authorityKeyIdentifier=onlyIssuer", errSecCSSignatureInvalid},
+      {"authorityKeyIdentifier=onlySerial", errSecCSSignatureInvalid},
+      {"authorityKeyIdentifier=badDirectoryName", errSecCSSignatureInvalid},
+      {"authorityKeyIdentifier=serialNonMinimal", errSecCSSignatureInvalid},
+      {"authorityKeyIdentifier=serialNegative", errSecCSSignatureInvalid},
       // Encodings DER forbids, and strings outside their character sets.
       {"serial=nonMinimal", errSecCSSignatureInvalid},
       {"serial=negative", errSecCSSignatureInvalid},
@@ -170,6 +207,9 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"signatureValue=rNegative", errSecCSSignatureUntrusted},
       {"signatureValue=sPadded", errSecCSSignatureUntrusted},
       {"keyUsage=trailingZeroOctet", errSecCSSignatureInvalid},
+      {"keyUsage=unusedBitsShort", errSecCSSignatureInvalid},
+      {"basicConstraints=notCAWithPathLen", errSecCSSignatureInvalid},
+      {"manifest=attributesUnsorted", errSecCSSignatureInvalid},
       {"nameString=printable", 0},
       {"nameString=printableBad", errSecCSSignatureInvalid},
       {"nameString=ia5High", errSecCSSignatureInvalid},
@@ -184,11 +224,31 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"manifest=teamDiffers", errSecCSSignatureInvalid},
   };
   for (const auto& [text, expected] : cases) {
-    const Verdict verdict = judge(forge().signatureBlob(LDForgeRecipeFromText(text).value()));
+    const LDForgeRecipe recipe = LDForgeRecipeFromText(text).value();
+    const Verdict verdict = judge(forge().signatureBlob(recipe), recipe[LDForgeRoot]);
     EXPECT_EQ(verdict.status, expected) << text;
-    EXPECT_EQ(LDPrintable(verdict.detail), verdict.detail) << text << ": a name reaches the detail unescaped";
+    EXPECT_EQ(LDPrintableMessage(verdict.detail), verdict.detail) << text << ": a name reaches the detail unescaped";
     EXPECT_FALSE(verdict.disagreement) << text << ": " << *verdict.disagreement;
   }
+}
+
+// Each octet alone in a PrintableString and an IA5String common name, and the cap on extensions:
+// the leaf's own five and 251 unknown ones are read, one more is refused, and so are 90,000
+// without reading them all.
+TEST(SigningProfile, ChecksEveryCharacterAndCapsTheExtensions) {
+  static constexpr std::string_view kPrintable = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789 '()+,-./:=?";
+  const auto status = [](const LDForgeLeafExtras& extras) {
+    return LDReadSignatureBlob(LDBytesOf(forge().signatureBlob(LDForgeRecipe{}, extras))).status;
+  };
+  for (int c = 0; c < 256; ++c) {
+    const std::string text = std::string("Forge") + static_cast<char>(c) + "Leaf";
+    const bool printable = kPrintable.find(static_cast<char>(c)) != std::string_view::npos;
+    EXPECT_EQ(status({LDCertificateForge::commonName(LDDerPrintableString, text)}) == 0, printable) << c;
+    EXPECT_EQ(status({LDCertificateForge::commonName(LDDerIA5String, text)}) == 0, c < 0x80) << c;
+  }
+  EXPECT_EQ(status({"", 251}), 0);
+  EXPECT_EQ(status({"", 252}), errSecCSSignatureInvalid);
+  EXPECT_EQ(status({"", 90'000}), errSecCSSignatureInvalid);
 }
 
 // Every single change, a few hundred random combinations, and every one-byte change and cut of a
@@ -202,7 +262,7 @@ TEST(Differential, VerifierAgreesWithOpenSSL) {
     recipes.push_back(LDForgeRecipeFromBytes(bytes, sizeof bytes));
   }
   for (const LDForgeRecipe& recipe : recipes) {
-    const auto disagreement = judge(forge().signatureBlob(recipe)).disagreement;
+    const auto disagreement = judge(forge().signatureBlob(recipe), recipe[LDForgeRoot]).disagreement;
     EXPECT_FALSE(disagreement) << LDForgeRecipeText(recipe) << ": " << *disagreement;
   }
   const std::string plain = forge().signatureBlob(LDForgeRecipeFromText("intermediates=1").value());

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "shared/printable.h"
+#include "signing/certificate.h"
 #include "signing/code_signature.h"
 #include "signing/requirement.h"
 
@@ -44,15 +45,76 @@ TEST(Requirement, EveryClauseMustHold) {
   EXPECT_TRUE(LDFirstUnmetClause(*requirement, {"com.a", "t1", true}));
 }
 
+// Untrusted text as LDPrintable shows it, and a message made of escaped parts as
+// LDPrintableMessage shows it ("" where that is the text itself).
 TEST(Printable, EscapesWhatCouldForgeALineAndNothingElse) {
-  for (const auto& [text, shown] : std::initializer_list<std::pair<std::string_view, std::string_view>>{
-           {"CN=Team \xc3\xa9 \xe2\x82\xac \\x41", "CN=Team \xc3\xa9 \xe2\x82\xac \\x41"},  // printable: unchanged
-           {std::string_view("a\nb\r\0\x1b[2J\x7f", 10), "a\\x0ab\\x0d\\x00\\x1b[2J\\x7f"},
-           {"\xc2\x9b \xe2\x80\xa8 \xe2\x80\xae", "\\u{009b} \\u{2028} \\u{202e}"},  // C1, line separator, bidi
-           {"\xff\xc3 \xed\xa0\x80 \xc0\xaf", "\\xff\\xc3 \\xed\\xa0\\x80 \\xc0\\xaf"},  // not UTF-8
+  struct Row {
+    std::string_view text, shown, message;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {"CN=Team \xc3\xa9 \xe2\x82\xac \xd8\x9b \xe2\x81\xb0 \xef\xbb\xbc \xf4\x8f\xbf\xbf", "", ""},  // visible
+           {std::string_view("a\nb\r\0\x1b[2J\x7f", 10), "a\\x0ab\\x0d\\x00\\x1b[2J\\x7f", ""},
+           {"\\x0a \\u{202e}", "\\x5cx0a \\x5cu{202e}", "\\x0a \\u{202e}"},  // an escape spelled by the text
+           {"\xc2\x9b \xc2\xad \xe2\x80\xa8 \xe2\x80\xa9 \xe2\x80\xae", "\\u{009b} \\u{00ad} \\u{2028} \\u{2029} \\u{202e}", ""},
+           {"\xd8\x9c \xe2\x80\x8b \xe2\x80\x8e \xe2\x80\x8f \xe2\x81\xa6 \xe2\x81\xa9 \xef\xbb\xbf",
+            "\\u{061c} \\u{200b} \\u{200e} \\u{200f} \\u{2066} \\u{2069} \\u{feff}", ""},
+           {"\xf3\xa0\x80\x80\xf3\xa0\x81\x81\xf3\xa0\x81\xbf \xef\xb8\x8f \xe1\x85\x9f",
+            "\\u{e0000}\\u{e0041}\\u{e007f} \\u{fe0f} \\u{115f}", ""},  // tags, a variation selector, a filler
+           {"\xff\xc3 \xed\xa0\x80 \xc0\xaf \xf4\x90\x80\x80 \xf5\x80\x80\x80",  // not UTF-8: above U+10FFFF too
+            "\\xff\\xc3 \\xed\\xa0\\x80 \\xc0\\xaf \\xf4\\x90\\x80\\x80 \\xf5\\x80\\x80\\x80", ""},
        }) {
-    EXPECT_EQ(LDPrintable(text), shown);
-    EXPECT_EQ(LDPrintable(LDPrintable(text)), shown);
+    const std::string_view shown = row.shown.empty() ? row.text : row.shown;
+    const std::string_view message = row.message.empty() ? shown : row.message;
+    EXPECT_EQ(LDPrintable(row.text), shown);
+    EXPECT_EQ(LDPrintableMessage(row.text), message);
+    EXPECT_EQ(LDPrintableMessage(message), message);
+  }
+}
+
+// Names compared as OpenSSL's X509_NAME_cmp compares them (ASCII letters folded, white space cut
+// and runs of it made one, string types alike), and a subtree as a prefix of whole RDNs.
+TEST(Names, MatchAndNestAsOpenSSLReadsThem) {
+  const auto name = [](std::initializer_list<std::pair<uint8_t, std::string_view>> values) {
+    std::string rdns;
+    for (const auto& [tag, value] : values) {
+      const std::string attribute = std::string("\x06\x03\x55\x04\x03") + static_cast<char>(tag) +
+                                    static_cast<char>(value.size()) + std::string(value);
+      rdns += "\x31" + std::string(1, static_cast<char>(attribute.size() + 2)) + "\x30" +
+              std::string(1, static_cast<char>(attribute.size())) + attribute;
+    }
+    return "\x30" + std::string(1, static_cast<char>(rdns.size())) + rdns;
+  };
+  const uint8_t utf8 = LDDerUTF8String, printable = LDDerPrintableString;
+  for (const auto& [a, b, same] : std::initializer_list<std::tuple<std::string, std::string, bool>>{
+           {name({{utf8, "Forge AZ"}}), name({{printable, "forge az"}}), true},
+           {name({{utf8, " \t a \r\n\v\f b "}}), name({{utf8, "a b"}}), true},
+           {name({{utf8, "@["}}), name({{utf8, "`{"}}), false},
+           {name({{utf8, "\x08" "a\x0e"}}), name({{utf8, "a"}}), false},
+           {name({{utf8, "\xc3\x89"}}), name({{utf8, "\xc3\xa9"}}), false},
+           {name({{utf8, "a"}, {utf8, "b"}}), name({{utf8, "a"}}), false},
+       }) {
+    EXPECT_EQ(LDNamesMatch(LDBytesOf(a), LDBytesOf(b)), same) << a;
+  }
+  const std::string whole = name({{utf8, "O"}, {utf8, "OU"}});
+  EXPECT_TRUE(LDNameIsWithin(LDBytesOf(whole), LDBytesOf(whole)));
+  EXPECT_TRUE(LDNameIsWithin(LDBytesOf(whole), LDBytesOf(name({{printable, "o"}}))));
+  EXPECT_FALSE(LDNameIsWithin(LDBytesOf(whole), LDBytesOf(name({{utf8, "OU"}}))));
+  EXPECT_FALSE(LDNameIsWithin(LDBytesOf(name({{utf8, "O"}})), LDBytesOf(whole)));
+}
+
+// Lengths in their shortest definite form only, at the bounds of each form.
+TEST(Der, ReadsOnlyTheShortestDefiniteLength) {
+  const std::string x127(127, 'x'), x128(128, 'x'), x256(256, 'x');
+  for (const auto& [bytes, readable] : std::initializer_list<std::pair<std::string, bool>>{
+           {"\x04\x7f" + x127, true},
+           {"\x04\x81\x80" + x128, true},
+           {std::string("\x04\x82\x01\x00", 4) + x256, true},
+           {"\x04\x81\x7f" + x127, false},                          // long form below 128
+           {std::string("\x04\x82\x00\x80", 4) + x128, false},      // a leading zero octet
+           {"\x04\x81\x80" + x127, false},                          // shorter than it says
+           {"\x04\x80" + x127 + std::string(2, '\0'), false},        // indefinite
+       }) {
+    EXPECT_EQ(LDDerReadOnly(LDBytesOf(bytes), LDDerOctetString).has_value(), readable) << bytes.substr(0, 4);
   }
 }
 

@@ -1,8 +1,9 @@
 #pragma once
 
 // Text that carries data from outside (certificate names, manifest fields, file paths) on its
-// way into a message or a line of output. A name that holds LF, ESC or a bidirectional override
-// must not be able to start a line of its own or rewrite what the reader sees.
+// way into a message or a line of output. A name that holds LF, ESC, a bidirectional override
+// or a character that shows nothing must not be able to start a line of its own, rewrite what
+// the reader sees, or look like another name.
 
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +15,17 @@
 // U+10FFFF).
 size_t LDDecodeUTF8(std::string_view text, size_t at, uint32_t* codePoint);
 
-// text with every byte that is not part of well-formed UTF-8, every C0 and C1 control, DEL,
-// and every line separator and bidirectional control written as \xNN or \u{NNNN}. Printable
-// text comes back unchanged, so escaping twice changes nothing.
+// Whether a code point shows nothing on its own: Unicode's controls (Cc), format characters
+// (Cf, the bidirectional controls and tags among them), line and paragraph separators (Zl, Zp),
+// and the other default-ignorable code points (variation selectors, Hangul fillers).
+bool LDIsInvisible(uint32_t codePoint);
+
+// Untrusted text with every byte that is not part of well-formed UTF-8 written as \xNN, every
+// invisible code point as \xNN (below U+0080) or \u{NNNN}, and every backslash as \x5c, so that
+// each escape in the result was made here and none was spelled by the text.
 std::string LDPrintable(std::string_view text);
+
+// A message whose untrusted parts went through LDPrintable already: the same escapes, but
+// backslashes are kept, so the message stays one visible line whatever a part left unescaped
+// and escaping it again changes nothing.
+std::string LDPrintableMessage(std::string_view text);

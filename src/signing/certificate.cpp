@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <vector>
 
 #include "shared/printable.h"
 
@@ -13,8 +14,13 @@ constexpr uint8_t kKeyUsage[] = {0x55, 0x1d, 0x0f};
 constexpr uint8_t kExtendedKeyUsage[] = {0x55, 0x1d, 0x25};
 constexpr uint8_t kSubjectKeyIdentifier[] = {0x55, 0x1d, 0x0e};
 constexpr uint8_t kAuthorityKeyIdentifier[] = {0x55, 0x1d, 0x23};
+constexpr uint8_t kNameConstraints[] = {0x55, 0x1d, 0x1e};
 constexpr uint8_t kCodeSigning[] = {0x2b, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x03};
-constexpr uint8_t kAnyExtendedKeyUsage[] = {0x55, 0x1d, 0x25, 0x00};
+
+// Far above what any real certificate carries (about ten of each), and low enough that nothing
+// an attacker sends before a signature is checked costs more than a few milliseconds.
+constexpr size_t kMaximumExtensions = 256;
+constexpr size_t kMaximumAttributes = 128;
 
 bool isPrintableStringCharacter(uint8_t c) {
   static constexpr std::string_view kPunctuation = " '()+,-./:=?";
@@ -37,26 +43,73 @@ bool isWellFormedString(const LDDerElement& value) {
   }
 }
 
-// Calls visit(type, value) for every attribute of a Name; false if it is malformed or holds
-// anything but UTF8String, PrintableString or IA5String values within their character sets.
+// Calls visit(type, value, rdn) for every attribute of a Name, rdn counting its relative
+// distinguished names from 0; false if it is malformed, has more than kMaximumAttributes, or
+// holds anything but UTF8String, PrintableString or IA5String values within their character sets.
 template <class Visit>
 bool forEachAttribute(LDBytes name, Visit visit) {
   const std::optional<LDDerElement> sequence = LDDerReadOnly(name, LDDerSequence);
   if (!sequence) return false;
   LDDerReader names(sequence->contents);
-  while (!names.atEnd()) {
+  size_t attributes = 0;
+  for (size_t rdn = 0; !names.atEnd(); ++rdn) {
     std::optional<LDDerReader> set = names.enter(LDDerSet);
     if (!set || set->atEnd()) return false;
     while (!set->atEnd()) {
       std::optional<LDDerReader> attribute = set->enter(LDDerSequence);
-      if (!attribute) return false;
+      if (!attribute || ++attributes > kMaximumAttributes) return false;
       const std::optional<LDDerElement> type = attribute->read(LDDerObjectIdentifier);
       const std::optional<LDDerElement> value = attribute->readAny();
       if (!type || !value || !attribute->atEnd() || !isWellFormedString(*value)) return false;
-      visit(type->contents, *value);
+      visit(type->contents, *value, rdn);
     }
   }
   return true;
+}
+
+bool isWellFormedName(LDBytes name) {
+  return forEachAttribute(name, [](LDBytes, const LDDerElement&, size_t) {});
+}
+
+// A string value as OpenSSL's asn1_string_canon makes it: ASCII white space cut at both ends
+// and each inner run of it one space, ASCII letters in lower case, other octets as they are.
+std::string canonicalValue(LDBytes value) {
+  const auto isSpace = [](uint8_t c) { return c == ' ' || (c >= '\t' && c <= '\r'); };
+  size_t begin = 0, end = value.size();
+  while (begin < end && isSpace(value[begin])) ++begin;
+  while (end > begin && isSpace(value[end - 1])) --end;
+  std::string out;
+  for (size_t at = begin; at < end; ++at) {
+    const uint8_t c = value[at];
+    if (isSpace(c)) {
+      if (!isSpace(value[at - 1])) out.push_back(' ');
+    } else {
+      out.push_back(static_cast<char>(c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c));
+    }
+  }
+  return out;
+}
+
+// A Name's relative distinguished names in a form compared byte for byte: each attribute as its
+// type and canonical value, each length-prefixed, in ascending order within its RDN (as DER
+// sorts the SET that OpenSSL encodes); nothing when the Name is malformed.
+std::optional<std::vector<std::string>> canonicalName(LDBytes name) {
+  std::vector<std::vector<std::string>> rdns;
+  const auto prefixed = [](std::string_view text) { return std::to_string(text.size()) + ":" + std::string(text); };
+  const bool wellFormed = forEachAttribute(name, [&](LDBytes type, const LDDerElement& value, size_t rdn) {
+    if (rdn == rdns.size()) rdns.emplace_back();
+    const std::string_view oid(reinterpret_cast<const char*>(type.data()), type.size());
+    rdns.back().push_back(prefixed(oid) + prefixed(canonicalValue(value.contents)));
+  });
+  if (!wellFormed) return std::nullopt;
+  std::vector<std::string> canonical;
+  for (std::vector<std::string>& entries : rdns) {
+    std::sort(entries.begin(), entries.end());
+    std::string joined;
+    for (const std::string& entry : entries) joined += entry;
+    canonical.push_back(std::move(joined));
+  }
+  return canonical;
 }
 
 bool parseBasicConstraints(LDBytes value, LDCertificate& certificate) {
@@ -105,7 +158,6 @@ bool parseExtendedKeyUsage(LDBytes value, LDCertificate& certificate) {
     const std::optional<LDDerElement> purpose = purposes.read(LDDerObjectIdentifier);
     if (!purpose) return false;
     if (LDDerEqual(purpose->contents, LDDerLiteral(kCodeSigning))) certificate.codeSigning = true;
-    if (LDDerEqual(purpose->contents, LDDerLiteral(kAnyExtendedKeyUsage))) certificate.anyExtendedKeyUsage = true;
   }
   certificate.hasExtendedKeyUsage = true;
   return true;
@@ -120,7 +172,8 @@ bool parseAuthorityKeyIdentifier(LDBytes value, LDCertificate& certificate) {
   }
   // authorityCertIssuer [1] GeneralNames and authorityCertSerialNumber [2] come together
   // (RFC 5280 4.2.1.1). Of the names only directoryName [4] (an explicitly tagged Name) can
-  // identify a certificate's issuer; the others are read past, as OpenSSL does.
+  // identify a certificate's issuer; the others are read past, and only the first directory name
+  // counts, as in OpenSSL's X509_check_akid.
   std::optional<LDDerReader> names = fields.enter(LDDerContextConstructed(1));
   const std::optional<LDDerElement> serial = fields.read(LDDerContextPrimitive(2));
   if (names.has_value() != serial.has_value() || !fields.atEnd()) return false;
@@ -131,13 +184,49 @@ bool parseAuthorityKeyIdentifier(LDBytes value, LDCertificate& certificate) {
     if (!name) return false;
     if (name->tag != LDDerContextConstructed(4)) continue;
     const std::optional<LDDerElement> directoryName = LDDerReadOnly(name->contents, LDDerSequence);
-    if (!directoryName) return false;
-    certificate.authorityIssuers.push_back(directoryName->encoding);
+    if (!directoryName || !isWellFormedName(directoryName->encoding)) return false;
+    if (!certificate.authorityIssuer) certificate.authorityIssuer = directoryName->encoding;
   }
   // An implicitly tagged CertificateSerialNumber: the rules of a serial number, below.
   if (!LDDerUnsignedInteger(LDDerElement{LDDerInteger, serial->contents, serial->encoding})) return false;
   certificate.authoritySerialNumber = serial->contents;
   return true;
+}
+
+// NameConstraints (RFC 5280 4.2.1.10): permitted [0] and excluded [1] subtrees. A directory
+// name is kept; any other form of name, and a minimum or maximum (which OpenSSL refuses as well),
+// marks the constraints as not understood, so that the chain is refused rather than the
+// constraint ignored.
+bool parseNameConstraints(LDBytes value, LDCertificate& certificate) {
+  const std::optional<LDDerElement> sequence = LDDerReadOnly(value, LDDerSequence);
+  if (!sequence || sequence->contents.empty()) return false;
+  LDDerReader fields(sequence->contents);
+  for (uint8_t number = 0; number < 2; ++number) {
+    std::optional<LDDerReader> subtrees = fields.enter(LDDerContextConstructed(number));
+    if (!subtrees) continue;
+    if (subtrees->atEnd()) return false;
+    while (!subtrees->atEnd()) {
+      std::optional<LDDerReader> subtree = subtrees->enter(LDDerSequence);
+      const std::optional<LDDerElement> base = subtree ? subtree->readAny() : std::nullopt;
+      if (!base) return false;
+      if (base->tag != LDDerContextConstructed(4) || !subtree->atEnd()) {
+        certificate.nameConstraintsNotUnderstood = true;
+        continue;
+      }
+      const std::optional<LDDerElement> name = LDDerReadOnly(base->contents, LDDerSequence);
+      if (!name || !isWellFormedName(name->encoding)) return false;
+      (number == 0 ? certificate.permittedNames : certificate.excludedNames).push_back(name->encoding);
+    }
+  }
+  return fields.atEnd();
+}
+
+// Whether an object identifier occurs twice, in n log n: a certificate may carry up to
+// kMaximumExtensions, and comparing every pair would cost their square.
+bool hasDuplicate(std::vector<LDBytes> types) {
+  const auto less = [](LDBytes a, LDBytes b) { return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end()); };
+  std::sort(types.begin(), types.end(), less);
+  return std::adjacent_find(types.begin(), types.end(), LDDerEqual) != types.end();
 }
 
 bool parseExtensions(LDDerReader extensions, LDCertificate& certificate) {
@@ -154,10 +243,7 @@ bool parseExtensions(LDDerReader extensions, LDCertificate& certificate) {
       critical = true;
     }
     const std::optional<LDDerElement> value = extension->read(LDDerOctetString);
-    if (!value || !extension->atEnd()) return false;
-    for (const LDBytes other : seen) {
-      if (LDDerEqual(other, oid->contents)) return false;  // RFC 5280: at most once each
-    }
+    if (!value || !extension->atEnd() || seen.size() == kMaximumExtensions) return false;
     seen.push_back(oid->contents);
     const LDBytes type = oid->contents;
     bool understood = true;
@@ -173,6 +259,9 @@ bool parseExtensions(LDDerReader extensions, LDCertificate& certificate) {
       understood = identifier.has_value();
     } else if (LDDerEqual(type, LDDerLiteral(kAuthorityKeyIdentifier))) {
       understood = parseAuthorityKeyIdentifier(value->contents, certificate);
+    } else if (LDDerEqual(type, LDDerLiteral(kNameConstraints))) {
+      // Honoured critical or not, as OpenSSL honours it.
+      understood = parseNameConstraints(value->contents, certificate);
     } else {
       // Another extension is ignored, unless it says that it must not be.
       if (critical) certificate.unknownCriticalExtension = true;
@@ -180,7 +269,7 @@ bool parseExtensions(LDDerReader extensions, LDCertificate& certificate) {
     }
     if (!understood) return false;
   }
-  return true;
+  return !hasDuplicate(std::move(seen));  // RFC 5280: at most once each
 }
 
 }  // namespace
@@ -226,10 +315,7 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
     if ((tag != LDDerUTCTime && tag != LDDerGeneralizedTime) || !validity->readAny()) return std::nullopt;
   }
   if (!validity->atEnd()) return std::nullopt;
-  const auto wellFormed = [](LDBytes name) {
-    return forEachAttribute(name, [](LDBytes, const LDDerElement&) {});
-  };
-  if (!wellFormed(issuer->encoding) || !wellFormed(subject->encoding)) return std::nullopt;
+  if (!isWellFormedName(issuer->encoding) || !isWellFormedName(subject->encoding)) return std::nullopt;
   certificate.serialNumber = serial->contents;
   certificate.issuer = issuer->encoding;
   certificate.subject = subject->encoding;
@@ -249,7 +335,7 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
 std::optional<std::string> LDSingleOrganizationalUnit(const LDCertificate& certificate) {
   int count = 0;
   std::string text;
-  const bool wellFormed = forEachAttribute(certificate.subject, [&](LDBytes type, const LDDerElement& value) {
+  const bool wellFormed = forEachAttribute(certificate.subject, [&](LDBytes type, const LDDerElement& value, size_t) {
     if (!LDDerEqual(type, LDDerLiteral(kOrganizationalUnit))) return;
     ++count;
     text.assign(value.contents.begin(), value.contents.end());
@@ -263,19 +349,31 @@ std::string LDNameText(LDBytes name) {
     uint8_t last;
     const char* label;
   } kLabels[] = {{0x03, "CN"}, {0x06, "C"}, {0x07, "L"}, {0x08, "ST"}, {0x0a, "O"}, {0x0b, "OU"}};
-  std::string text;
-  forEachAttribute(name, [&](LDBytes type, const LDDerElement& value) {
+  std::vector<std::string> parts;
+  forEachAttribute(name, [&](LDBytes type, const LDDerElement& value, size_t) {
     std::string label = "?";
     if (type.size() == 3 && type[0] == 0x55 && type[1] == 0x04) {
       for (const auto& known : kLabels) {
         if (known.last == type[2]) label = known.label;
       }
     }
-    // RFC 4514 lists the most significant attribute last.
     const std::string_view raw(reinterpret_cast<const char*>(value.contents.data()), value.contents.size());
-    text = label + "=" + LDPrintable(raw) + (text.empty() ? "" : "," + text);
+    parts.push_back(label + "=" + LDPrintable(raw));
   });
+  // RFC 4514 lists the most significant attribute last.
+  std::string text;
+  for (auto part = parts.rbegin(); part != parts.rend(); ++part) text += (text.empty() ? "" : ",") + *part;
   return text;
+}
+
+bool LDNamesMatch(LDBytes a, LDBytes b) {
+  const std::optional<std::vector<std::string>> first = canonicalName(a), second = canonicalName(b);
+  return first && second && *first == *second;
+}
+
+bool LDNameIsWithin(LDBytes name, LDBytes base) {
+  const std::optional<std::vector<std::string>> whole = canonicalName(name), prefix = canonicalName(base);
+  return whole && prefix && prefix->size() <= whole->size() && std::equal(prefix->begin(), prefix->end(), whole->begin());
 }
 
 bool LDCertificateIsSignedBy(const LDCertificate& certificate, const LDCertificate& issuer) {

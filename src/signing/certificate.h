@@ -31,12 +31,16 @@ struct LDCertificate {
   std::optional<uint16_t> keyUsage;    // absent: any use
   bool hasExtendedKeyUsage = false;
   bool codeSigning = false;            // extendedKeyUsage names id-kp-codeSigning
-  bool anyExtendedKeyUsage = false;    // extendedKeyUsage names anyExtendedKeyUsage
-  LDBytes subjectKeyIdentifier, authorityKeyIdentifier;  // empty when absent
-  // authorityKeyIdentifier's authorityCertIssuer (its directory names, tag and length included)
-  // and authorityCertSerialNumber (the INTEGER's contents octets); empty when absent.
-  std::vector<LDBytes> authorityIssuers;
+  // Present even when empty: OpenSSL compares an empty identifier like any other.
+  std::optional<LDBytes> subjectKeyIdentifier, authorityKeyIdentifier;
+  // The first directory name of authorityKeyIdentifier's authorityCertIssuer (tag and length
+  // included), the only one OpenSSL compares, and authorityCertSerialNumber (the INTEGER's
+  // contents octets; empty when absent).
+  std::optional<LDBytes> authorityIssuer;
   LDBytes authoritySerialNumber;
+  // nameConstraints on directory names: the Names of the permitted and excluded subtrees.
+  std::vector<LDBytes> permittedNames, excludedNames;
+  bool nameConstraintsNotUnderstood = false;  // another name form, or a minimum or maximum
   bool unknownCriticalExtension = false;
 };
 
@@ -52,6 +56,15 @@ std::optional<std::string> LDSingleOrganizationalUnit(const LDCertificate& certi
 // RFC 4514 text of a Name, for messages (best effort: unknown attributes as "?"), its values
 // escaped where they are not printable (LDPrintable).
 std::string LDNameText(LDBytes name);
+
+// Whether two Names are the same once compared as OpenSSL's X509_NAME_cmp compares them: string
+// values case-folded (ASCII) with their outer white space cut and inner runs made one space,
+// whatever their string type. Malformed Names are never the same.
+bool LDNamesMatch(LDBytes a, LDBytes b);
+
+// Whether name lies in the subtree below base: base's relative distinguished names, compared
+// as LDNamesMatch does, begin name (RFC 5280 4.2.1.10; OpenSSL's nc_dn).
+bool LDNameIsWithin(LDBytes name, LDBytes base);
 
 // Whether issuer's key made certificate's signature.
 bool LDCertificateIsSignedBy(const LDCertificate& certificate, const LDCertificate& issuer);

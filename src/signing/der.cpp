@@ -52,7 +52,6 @@ std::optional<LDDerElement> LDDerReader::readAny() {
   if (_rest.size() - header < length) return std::nullopt;
   LDDerElement element{tag, _rest.subspan(header, length), _rest.first(header + length)};
   if (tag == LDDerObjectIdentifier && !isObjectIdentifier(element.contents)) return std::nullopt;
-  if (tag == LDDerInteger && !isMinimalInteger(element.contents)) return std::nullopt;
   _rest = _rest.subspan(header + length);
   return element;
 }

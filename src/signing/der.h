@@ -2,8 +2,9 @@
 
 // A reader for DER, the distinguished encoding only: single-byte tags, definite lengths in their
 // shortest form, and nothing after the last element. It never allocates and never reads outside
-// the bytes it is given; object identifiers and INTEGERs (in their fewest octets) are checked as
-// they are read; every accessor reports a violation as "nothing" rather than guessing.
+// the bytes it is given; object identifiers are checked as they are read, INTEGERs (in their
+// fewest octets) when their value is taken (LDDerUnsignedInteger, which also serves INTEGERs
+// under an implicit tag); every accessor reports a violation as "nothing" rather than guessing.
 
 #include <cstddef>
 #include <cstdint>

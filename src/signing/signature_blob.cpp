@@ -157,10 +157,10 @@ std::string readCertificates(LDDerReader& signedData, std::vector<LDCertificate>
   std::optional<LDDerReader> set = signedData.enter(LDDerContextConstructed(0));
   if (!set || set->atEnd()) return "the signature carries no certificates";
   while (!set->atEnd()) {
+    if (certificates.size() == kMaximumCertificates) return "the signature carries too many certificates";
     const std::optional<LDDerElement> element = set->read(LDDerSequence);
     std::optional<LDCertificate> certificate = element ? LDParseCertificate(element->encoding) : std::nullopt;
     if (!certificate) return "a certificate in the signature is outside the signing profile";
-    if (certificates.size() == kMaximumCertificates) return "the signature carries too many certificates";
     certificates.push_back(*certificate);
   }
   return "";
@@ -268,21 +268,20 @@ LDSignatureContents LDReadSignatureBlob(LDBytes blob) {
 
 namespace {
 
-// Whether certificate's authority key identifier, where it says anything, names issuer: the key
-// identifier (when both are given), and the issuer's own issuer and serial number (as OpenSSL's
-// X509_check_akid compares them).
+// Whether certificate's authority key identifier, where it says anything, names issuer, exactly
+// as OpenSSL 3.0's X509_check_akid reads it: the key identifier when both certificates give one
+// (an empty one included), the serial number, and the first directory name of the issuer's
+// names against the issuer's own issuer (X509_NAME_cmp).
 bool authorityKeyIdentifierNames(const LDCertificate& certificate, const LDCertificate& issuer) {
-  if (!certificate.authorityKeyIdentifier.empty() && !issuer.subjectKeyIdentifier.empty() &&
-      !LDDerEqual(certificate.authorityKeyIdentifier, issuer.subjectKeyIdentifier)) {
+  if (certificate.authorityKeyIdentifier && issuer.subjectKeyIdentifier &&
+      !LDDerEqual(*certificate.authorityKeyIdentifier, *issuer.subjectKeyIdentifier)) {
     return false;
   }
   if (!certificate.authoritySerialNumber.empty() &&
       !LDDerEqual(certificate.authoritySerialNumber, issuer.serialNumber)) {
     return false;
   }
-  const std::vector<LDBytes>& names = certificate.authorityIssuers;
-  return names.empty() || std::any_of(names.begin(), names.end(),
-                                      [&](LDBytes name) { return LDDerEqual(name, issuer.issuer); });
+  return !certificate.authorityIssuer || LDNamesMatch(*certificate.authorityIssuer, issuer.issuer);
 }
 
 // Whether issuer may have issued certificate: names, the authority key identifier, a CA allowed
@@ -297,15 +296,46 @@ bool issued(const LDCertificate& issuer, const LDCertificate& certificate, int i
 }
 
 // A CA whose extendedKeyUsage leaves out code signing (a sub-CA for TLS servers, say) vouches
-// for no code signer below it, whatever the leaf says of itself.
+// for no code signer below it, whatever the leaf says of itself. anyExtendedKeyUsage grants no
+// purpose, as OpenSSL's purpose checks read it (xku_reject): a TLS sub-CA that names it beside
+// serverAuth is still a TLS sub-CA.
 bool mayVouchForCodeSigning(const LDCertificate& authority) {
-  return !authority.hasExtendedKeyUsage || authority.codeSigning || authority.anyExtendedKeyUsage;
+  return !authority.hasExtendedKeyUsage || authority.codeSigning;
 }
 
 int32_t untrusted(std::string* detail, bool* outsideProfile, std::string text, bool stricterThanX509 = false) {
   if (detail) *detail = std::move(text);
   if (outsideProfile) *outsideProfile = stricterThanX509;
   return errSecCSSignatureUntrusted;
+}
+
+// The name constraints of every CA in the chain (leaf first, anchor last) over the subjects
+// below it, critical or not (RFC 5280 6.1.3 (b), (c); OpenSSL's check_name_constraints): each
+// subject within some permitted subtree when there are any, and within no excluded one. Like
+// OpenSSL, a self-issued intermediate and an empty subject are not judged.
+int32_t checkNameConstraints(const std::vector<const LDCertificate*>& chain, std::string* detail, bool* outsideProfile) {
+  for (size_t authority = 1; authority < chain.size(); ++authority) {
+    const LDCertificate& constraints = *chain[authority];
+    if (constraints.nameConstraintsNotUnderstood) {
+      return untrusted(detail, outsideProfile,
+                       "a CA in the chain constrains names in a form the signing profile does not understand", true);
+    }
+    for (size_t below = 0; below < authority; ++below) {
+      const LDBytes subject = chain[below]->subject;
+      if ((below != 0 && LDNamesMatch(subject, chain[below]->issuer)) || subject.size() <= 2) continue;
+      const auto within = [&](LDBytes base) { return LDNameIsWithin(subject, base); };
+      const std::vector<LDBytes>& permitted = constraints.permittedNames;
+      if (!permitted.empty() && std::none_of(permitted.begin(), permitted.end(), within)) {
+        return untrusted(detail, outsideProfile, "the name " + LDNameText(subject) +
+                                                     " is outside every subtree a CA above it permits (name constraints)");
+      }
+      if (std::any_of(constraints.excludedNames.begin(), constraints.excludedNames.end(), within)) {
+        return untrusted(detail, outsideProfile,
+                         "the name " + LDNameText(subject) + " is in a subtree a CA above it excludes (name constraints)");
+      }
+    }
+  }
+  return LDCodeSigningStatusOK;
 }
 
 // The leaf's own uses, once the chain holds.
@@ -325,10 +355,11 @@ int32_t leafMaySignCode(const LDCertificate& leaf, std::string* detail, bool* ou
 int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDCertificate>& anchors,
                       std::string* detail, bool* outsideProfile) {
   const LDCertificate& leaf = contents.leaf();
-  const LDCertificate* current = &leaf;
+  std::vector<const LDCertificate*> chain{&leaf};
   const auto refuseStricter = [&](std::string text) { return untrusted(detail, outsideProfile, std::move(text), true); };
   for (int intermediates = 0;; ++intermediates) {
-    // The profile understands five extensions; OpenSSL knows more (nameConstraints, policies).
+    const LDCertificate* current = chain.back();
+    // The profile understands six extensions; OpenSSL knows more (policies, say).
     if (current->unknownCriticalExtension) {
       return refuseStricter("a certificate in the chain has a critical extension that is not understood (signing profile)");
     }
@@ -342,6 +373,10 @@ int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDC
       }
       if (!mayVouchForCodeSigning(anchor)) {
         return refuseStricter("the root's extended key usage leaves out code signing (signing profile)");
+      }
+      chain.push_back(&anchor);
+      if (const int32_t constrained = checkNameConstraints(chain, detail, outsideProfile); constrained != 0) {
+        return constrained;
       }
       return leafMaySignCode(leaf, detail, outsideProfile);
     }
@@ -357,8 +392,8 @@ int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDC
       return refuseStricter("the chain has more than " + std::to_string(kMaximumIntermediates) +
                             " intermediates (signing profile)");
     }
-    current = next;
+    chain.push_back(next);
   }
   return untrusted(detail, outsideProfile, "the signer's certificate chain is not trusted: it does not lead to a "
-                                           "compiled-in root (issuer " + LDNameText(current->issuer) + ")");
+                                           "compiled-in root (issuer " + LDNameText(chain.back()->issuer) + ")");
 }

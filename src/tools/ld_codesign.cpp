@@ -29,7 +29,9 @@ constexpr const char* kUsage =
 
 // Every line that carries a path, a certificate's name or a manifest field is escaped where it
 // is not printable: a crafted name must not be able to print a line of its own.
-void printLine(std::ostream& out, const std::string& text) { out << LDPrintable(text) << "\n"; }
+// Each untrusted part of a line was escaped where it was added (LDPrintable); the line itself is
+// escaped once more without its backslashes, so that a part forgotten still cannot end it.
+void printLine(std::ostream& out, const std::string& text) { out << LDPrintableMessage(text) << "\n"; }
 
 int usageError(const std::string& problem) {
   printLine(std::cerr, "ld-codesign: " + problem);
@@ -106,7 +108,8 @@ int sign(const Arguments& arguments) {
   }
   if (!identity) return failure(error);
   if (!LDSignFile(arguments.files[0], *identifier, *identity, &error)) return failure(error);
-  printLine(std::cout, arguments.files[0] + ": signed as " + *identifier + " (team " + identity->team + ")");
+  printLine(std::cout, LDPrintable(arguments.files[0]) + ": signed as " + *identifier + " (team " +
+                           LDPrintable(identity->team) + ")");
   return 0;
 }
 
@@ -128,13 +131,13 @@ int verify(const Arguments& arguments) {
       arguments.files[0], *requirement, &error, fromFile ? *fromFile : LDTrustAnchors::compiledIn());
   switch (result) {
     case LDCodeVerificationValid:
-      printLine(std::cout, arguments.files[0] + ": valid (OSStatus 0)");
+      printLine(std::cout, LDPrintable(arguments.files[0]) + ": valid (OSStatus 0)");
       break;
     case LDCodeVerificationRejected:
-      printLine(std::cout, arguments.files[0] + ": rejected: " + error->description());
+      printLine(std::cout, LDPrintable(arguments.files[0]) + ": rejected: " + error->description());
       break;
     case LDCodeVerificationUnverifiable:
-      printLine(std::cout, arguments.files[0] + ": unverifiable: " + error->description());
+      printLine(std::cout, LDPrintable(arguments.files[0]) + ": unverifiable: " + error->description());
       break;
   }
   return result;
@@ -157,10 +160,10 @@ int display(const Arguments& arguments) {
   }
   const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
   if (contents.status != 0) {
-    return failure(path + ": " + contents.detail + " (OSStatus " + std::to_string(contents.status) + ")");
+    return failure(LDPrintable(path) + ": " + contents.detail + " (OSStatus " + std::to_string(contents.status) + ")");
   }
-  printLine(std::cout, "identifier " + contents.manifest.identifier);
-  printLine(std::cout, "team       " + contents.manifest.team);
+  printLine(std::cout, "identifier " + LDPrintable(contents.manifest.identifier));
+  printLine(std::cout, "team       " + LDPrintable(contents.manifest.team));
   printLine(std::cout, "signer     " + LDNameText(contents.leaf().subject));
   printLine(std::cout, "size       " + std::to_string(contents.manifest.size));
   printLine(std::cout, "sha256     " + LDHex(contents.manifest.sha256.data(), contents.manifest.sha256.size()));
