@@ -16,6 +16,7 @@
 #include "signing/code_signature.h"
 #include "support/descriptors.h"
 #include "support/test_pki.h"
+#include "tools/code_signer.h"
 
 namespace {
 
@@ -80,6 +81,28 @@ TEST(ParserSandbox, ParsesWithoutPrivilegesAndDiesOnAnythingElse) {
   EXPECT_EQ(status, errSecCSSignatureNotVerifiable);
   EXPECT_EQ(detail, "the signature check was ended by signal " + std::to_string(SIGSYS));
   EXPECT_EQ(ldtest::openDescriptors(), descriptors);
+}
+
+// A verdict crosses with its detail cut to what fits, the status whole: a requirement naming an
+// identifier of 600 characters fails with a detail longer than the room for it.
+TEST(ParserSandbox, AVerdictWithTheLongestDetailStillCounts) {
+  ldtest::TemporaryDirectory directory;
+  ldtest::TestPki pki(directory.path());
+  const ldtest::TestIdentity root = pki.makeRoot("Root"), leaf = pki.makeLeaf(root, "Leaf");
+  const std::string app = directory.file("app");
+  ldtest::writeFile(app, std::string(4096, 'x'), 0755);
+  std::string error;
+  const auto identity = LDLoadSigningIdentity(leaf.keyPath, leaf.certificatePath, "", &error);
+  ASSERT_TRUE(identity && LDSignFile(app, "com.example.app", *identity, &error)) << error;
+  const LDFileHandle file(::open(app.c_str(), O_RDONLY | O_CLOEXEC));
+  const std::string longIdentifier(600, 'i');
+  const LDRequirement requirement = *LDParseRequirement("identifier \"" + longIdentifier + "\"");
+  std::string detail;
+  EXPECT_EQ(LDCheckSignatureInSandbox(file.fileDescriptor(), requirement,
+                                      LDTrustAnchors::fromPEM(ldtest::TestPki::pemOf(root)), &detail),
+            errSecCSReqFailed);
+  EXPECT_TRUE(detail.starts_with("the code does not satisfy identifier \"iii")) << detail;
+  EXPECT_LT(detail.size(), longIdentifier.size()) << "cut to the room a verdict has";
 }
 
 }  // namespace

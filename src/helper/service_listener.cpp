@@ -111,7 +111,6 @@ void LDKeptConnection::activate() {
 }
 
 void LDKeptConnection::handle(const LDKeeperReport& report) {
-  if (_closed) return;
   if (report.kind == LDKeeperReportKind::written) {
     if (_written < _replies) ++_written;
     while (!_closed && !_barriers.empty() && _barriers.begin()->first <= _written) {

@@ -69,8 +69,9 @@ bool installFilter() {
   return ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter, 0, 0) == 0;
 }
 
+// Clearing the permitted and inheritable sets clears the ambient one with them (the kernel keeps
+// ambient within both).
 bool clearCapabilities() {
-  if (::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) != 0 && errno != EINVAL) return false;
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
   if (::syscall(SYS_capset, &header, none) != 0) return false;
