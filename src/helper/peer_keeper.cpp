@@ -1,6 +1,7 @@
 #include "helper/peer_keeper.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -58,12 +59,10 @@ bool receiveExactly(int socket, Record* record, std::vector<LDFileHandle>* descr
 }
 
 bool waitReadable(int socket) {
-  fd_set readable;
-  FD_ZERO(&readable);
-  FD_SET(socket, &readable);
+  pollfd readable{socket, POLLIN, 0};
   int ready;
   do {
-    ready = ::select(socket + 1, &readable, nullptr, nullptr, nullptr);
+    ready = ::poll(&readable, 1, -1);
   } while (ready < 0 && errno == EINTR);
   return ready > 0;
 }
