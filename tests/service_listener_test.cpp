@@ -60,6 +60,7 @@ std::optional<LDPeerVerdict> examineByName(int socket, const LDPinnedPeer& peer,
   socklen_t length = sizeof address;
   (void)::getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length);
   const std::string name(address.sun_path + 1, length > sizeof(sa_family_t) + 1 ? length - sizeof(sa_family_t) - 1 : 0);
+  if (name.starts_with("refuse")) return std::nullopt;
   if (name.starts_with("slow")) inspected();
   while (name.starts_with("stuck") || name.starts_with("slow")) ::pause();
   LDPeerVerdict verdict;  // the test's own executable: its later messages pass their check
@@ -188,6 +189,28 @@ TEST_F(ServiceListenerTest, PeersGoneBeforeTheirPinAreRefusedAndCostNothing) {
   const LDFileHandle served = connect();
   EXPECT_TRUE(runUntil([&] { return seen(served) == "hello"; }));
   EXPECT_FALSE(terminated.has_value());
+}
+
+// The monitor never closes a unix socket for the last time (its ends of keepers' channels
+// included); past its bound it takes no more connections and ends, with 1, once none is left.
+TEST_F(ServiceListenerTest, KeptSocketsPastTheirBoundEndTheHelperOnceNoConnectionIsLeft) {
+  std::optional<int> terminated;
+  listener->setTerminate([&](int status) { terminated = status; });
+  ASSERT_TRUE(listener->activate());
+  LDFileHandle served = connect();
+  ASSERT_TRUE(runUntil([&] { return seen(served) == "hello"; }));
+  for (size_t i = 0; i < LDServiceListener::kMaximumKeptSockets; ++i) {
+    const LDFileHandle refused = connect("refuse" + std::to_string(i));
+    ASSERT_TRUE(runUntil([&] { return seen(refused) == "closed"; })) << i;
+  }
+  runUntil([] { return false; }, 100'000'000);  // the last keeper's report, after its peer saw the close
+  const LDFileHandle late = connect();
+  runUntil([] { return false; }, 100'000'000);
+  EXPECT_EQ(seen(late), "nothing") << "no longer accepting";
+  EXPECT_FALSE(terminated.has_value()) << "a connection is still open";
+  served.reset();
+  EXPECT_TRUE(runUntil([&] { return terminated.has_value(); }));
+  EXPECT_EQ(terminated, 1);
 }
 
 int failingFork() {

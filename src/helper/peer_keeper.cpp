@@ -58,11 +58,11 @@ bool receiveExactly(int socket, Record* record, std::vector<LDFileHandle>* descr
   return true;
 }
 
-bool waitReadable(int socket) {
+bool waitReadable(int socket, int milliseconds = -1) {
   pollfd readable{socket, POLLIN, 0};
   int ready;
   do {
-    ready = ::poll(&readable, 1, -1);
+    ready = ::poll(&readable, 1, milliseconds);
   } while (ready < 0 && errno == EINTR);
   return ready > 0;
 }
@@ -184,7 +184,7 @@ LDKeeperZygote::~LDKeeperZygote() {
 }
 
 std::optional<LDKeeperZygote::Keeper> LDKeeperZygote::spawn(const LDKeeperStart& start) {
-  if (!_channel.isValid()) return std::nullopt;
+  if (_dead) return std::nullopt;
   const bool pinned = start.peer.pidfd.isValid() && start.peer.processDirectory.isValid();
   const SpawnRequest request{start.acceptedAfter, start.peer.pid, start.peer.uid, start.peer.gid,
                              start.peer.pidfdFromSocket ? uint8_t{1} : uint8_t{0}, pinned ? uint8_t{1} : uint8_t{0}};
@@ -196,10 +196,12 @@ std::optional<LDKeeperZygote::Keeper> LDKeeperZygote::spawn(const LDKeeperStart&
   SpawnReply reply{-1};
   std::vector<LDFileHandle> received;
   bool ended = false;
-  // The zygote is ours and answers at once (one fork): waiting for it waits on nothing a peer does.
-  if (LDSendRecord(_channel.fileDescriptor(), request, descriptors) != 0 || !waitReadable(_channel.fileDescriptor()) ||
+  // The zygote is ours and answers at once (one fork); bounded all the same, as a fork under
+  // memory pressure can take long.
+  if (LDSendRecord(_channel.fileDescriptor(), request, descriptors) != 0 ||
+      !waitReadable(_channel.fileDescriptor(), 1000) ||
       !receiveExactly(_channel.fileDescriptor(), &reply, &received, 1, &ended)) {
-    _channel.reset();  // a zygote that cannot be spoken to forks no more keepers
+    _dead = true;  // a zygote that cannot be spoken to forks no more keepers
     return std::nullopt;
   }
   if (reply.pid <= 0 || received.size() != 1) return std::nullopt;

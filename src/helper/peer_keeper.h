@@ -112,14 +112,15 @@ class LDKeeperZygote {
 
   // Has the zygote fork a keeper with start's descriptors (copies: the caller keeps its own and
   // must not be the one to drop the socket's last reference once it has a keeper). Nothing when
-  // the zygote could not.
+  // the zygote could not, or did not answer within a second: it is then taken for dead.
   std::optional<Keeper> spawn(const LDKeeperStart& start);
-  bool isAlive() const { return _channel.isValid(); }
+  bool isAlive() const { return !_dead; }
 
  private:
   LDKeeperZygote(LDFileHandle channel, LDFileHandle pidfd) : _channel(std::move(channel)), _pidfd(std::move(pidfd)) {}
-  LDFileHandle _channel;
+  LDFileHandle _channel;  // never closed while the monitor runs (see LDServiceListener::keepUntilExit)
   LDFileHandle _pidfd;
+  bool _dead = false;
 };
 
 // For a keeper: blocks until SIGKILL comes. Its exit is what releases the peer's socket.

@@ -212,7 +212,7 @@ bool LDServiceListener::activate(int* errorNumber) {
 }
 
 void LDServiceListener::acceptConnections() {
-  while (!_keepersUnendable && _keepers.size() < kMaximumConnections) {
+  while (!_windingDown && _keepers.size() < kMaximumConnections) {
     const uint64_t acceptedAfter = LDBootTimeTicks();
     const int accepted = _calls->accept(_socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     const int failure = accepted >= 0 ? 0 : errno;
@@ -236,13 +236,21 @@ void LDServiceListener::acceptConnections() {
   _runLoop.modify(_socket.fileDescriptor(), 0);
 }
 
-// A socket that may carry what the peer put in flight is never closed here for the last time.
+// A unix socket is never closed here for the last time. A peer's may carry what the peer put in
+// flight; and on kernels before 6.8 whoever releases the last reference to any unix socket runs
+// the kernel's collector of unreachable in-flight sockets in its own task, so a cycle of sockets a
+// user left in flight, a lingering TCP socket among them, would be released (and lingered on)
+// here. The helper's exit releases them all, its linger skipped.
 void LDServiceListener::keepUntilExit(LDFileHandle socket) {
   (void)::shutdown(socket.fileDescriptor(), SHUT_RDWR);
   _unreleased.push_back(std::move(socket));
-  // Held by nobody else, each is a descriptor gone for good: a few are a fork failing now and
-  // then; many mean the helper cannot work, and a fresh one is what systemd will start.
-  if (_unreleased.size() >= kMaximumConnections && _terminate) std::exchange(_terminate, nullptr)(1);
+  if (_unreleased.size() >= kMaximumKeptSockets) windDown();
+}
+
+void LDServiceListener::windDown() {
+  _windingDown = true;
+  _runLoop.modify(_socket.fileDescriptor(), 0);
+  endIfAdmissionsCannotEnd();
 }
 
 void LDServiceListener::startKeeper(LDFileHandle socket, uint64_t acceptedAfter) {
@@ -261,8 +269,10 @@ void LDServiceListener::startKeeper(LDFileHandle socket, uint64_t acceptedAfter)
   std::optional<LDKeeperZygote::Keeper> spawned = _zygote->spawn(start);
   if (!spawned) {
     keepUntilExit(std::move(start.socket));
+    keepUntilExit(std::move(start.channel));
+    keepUntilExit(std::move(channel));
     // A zygote that is gone makes no more keepers: nobody can be admitted any more.
-    if (!_zygote->isAlive() && _terminate) std::exchange(_terminate, nullptr)(1);
+    if (!_zygote->isAlive()) windDown();
     return;
   }
   // The keeper holds its own copies now, so none of these closes is the last.
@@ -273,6 +283,7 @@ void LDServiceListener::startKeeper(LDFileHandle socket, uint64_t acceptedAfter)
   keeper.pidfd = std::move(spawned->pidfd);
   if (!_runLoop.watch(keeper.pidfd.fileDescriptor(), EPOLLIN, [this, serial](uint32_t) { exited(serial); })) {
     (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
+    keepUntilExit(std::move(keeper.channel));
     _keepers.erase(serial);  // abandoned: it dies, and the zygote reaps it
     return;
   }
@@ -354,15 +365,11 @@ void LDServiceListener::end(uint64_t serial) {
   _runLoop.cancel(keeper.timer);
   _runLoop.cancel(keeper.lifetime);
   _runLoop.unwatch(keeper.channel.fileDescriptor());
-  keeper.channel.reset();
+  keepUntilExit(std::move(keeper.channel));
   // The keeper holds the peer's socket; dying is how it lets go of it, its linger skipped.
   (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
-  keeper.timer = _runLoop.runAt(LDRunLoop::now() + _timing.killedKeeper, [this] {
-    // Still there: SIGKILL did not end it, so no admission can be relied on to end.
-    _keepersUnendable = true;
-    _runLoop.modify(_socket.fileDescriptor(), 0);
-    endIfAdmissionsCannotEnd();
-  });
+  // Still there then: SIGKILL did not end it, so no admission can be relied on to end.
+  keeper.timer = _runLoop.runAt(LDRunLoop::now() + _timing.killedKeeper, [this] { windDown(); });
 }
 
 void LDServiceListener::exited(uint64_t serial) {
@@ -381,14 +388,14 @@ void LDServiceListener::exited(uint64_t serial) {
 
 // Once admissions cannot be relied on to end, the helper ends with the last connection.
 void LDServiceListener::endIfAdmissionsCannotEnd() {
-  if (!_keepersUnendable || !_terminate) return;
+  if (!_windingDown || !_terminate) return;
   const bool connectionLeft = std::any_of(_keepers.begin(), _keepers.end(),
                                           [](const auto& entry) { return entry.second.connection && !entry.second.ending; });
   if (!connectionLeft) std::exchange(_terminate, nullptr)(1);
 }
 
 void LDServiceListener::updateAccepting() {
-  if (_accepting && !_acceptPaused && !_keepersUnendable) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
+  if (_accepting && !_acceptPaused && !_windingDown) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
 }
 
 // --- In the keeper: examine the peer, then serve its connection for the monitor.

@@ -72,6 +72,9 @@ class LDServiceListener {
   // Keepers alive at once, killed ones not yet exited included; more peers wait in the kernel's
   // backlog.
   static constexpr size_t kMaximumConnections = 16;
+  // Unix sockets the monitor holds and may not close (see keepUntilExit): past this many it takes
+  // no more connections and ends once none is left, for a fresh helper to go on.
+  static constexpr size_t kMaximumKeptSockets = 256;
 
   struct Timing {
     // The checks that can wait on the peer take microseconds; a peer not past them by then is
@@ -142,6 +145,7 @@ class LDServiceListener {
   void updateAccepting();
   void endIfAdmissionsCannotEnd();
   void keepUntilExit(LDFileHandle socket);
+  void windDown();
   void serveInKeeper(LDKeeperStart& start);
 
   LDFileHandle _socket;
@@ -156,13 +160,15 @@ class LDServiceListener {
   LDServiceListenerDelegate* _delegate = nullptr;
   std::optional<LDKeeperZygote> _zygote;
   std::map<uint64_t, Keeper> _keepers;  // by serial number
-  // Peers' sockets that no keeper could be made for: closing them here could be the last
-  // reference, so they stay open until the helper exits.
+  // Unix sockets whose last reference the monitor holds: peers' sockets no keeper could be made
+  // for, and the monitor's ends of ended keepers' channels. They stay open until the helper exits.
   std::vector<LDFileHandle> _unreleased;
   uint64_t _nextSerial = 1;
   bool _accepting = false;
   bool _acceptPaused = false;  // out of descriptors: resting until the retry timer
-  bool _keepersUnendable = false;
+  // No more connections are taken; the helper ends once none is left: a killed keeper did not die,
+  // or too many sockets are kept.
+  bool _windingDown = false;
 };
 
 // Accepts every admitted connection and exports the one service on it.
