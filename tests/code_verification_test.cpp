@@ -179,6 +179,8 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"root=excludesTeam", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extraExtension=excludesLeaf", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 nameString=issuersName root=permitsTeam", 0},  // self-issued: not judged
+      // The leaf's issuer named like the root, and no key identifier to tell them apart.
+      {"intermediates=1 target=intermediate1 authorityKeyIdentifier=absent nameString=issuersName", errSecCSSignatureUntrusted},
       {"extraExtension=excludesTeam", 0},
       {"extraExtension=nameConstraintsCritical", 0},
       {"intermediates=1 target=intermediate1 extraExtension=permitsWithMaximum", errSecCSSignatureUntrusted},

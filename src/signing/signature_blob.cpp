@@ -388,6 +388,11 @@ int32_t LDVerifyChain(const LDSignatureContents& contents, const std::vector<LDC
       }
     }
     if (!next) break;
+    // A self-issued intermediate with no authority key identifier names itself as a candidate for
+    // its own issuer, and nothing tells the two apart: OpenSSL's path building fails on it.
+    if (LDDerEqual(next->subject, next->issuer) && !next->authorityKeyIdentifier) {
+      return refuseStricter("a self-issued intermediate without an authority key identifier (signing profile)");
+    }
     if (intermediates == kMaximumIntermediates) {
       return refuseStricter("the chain has more than " + std::to_string(kMaximumIntermediates) +
                             " intermediates (signing profile)");
