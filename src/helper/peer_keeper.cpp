@@ -16,8 +16,6 @@
 
 namespace {
 
-int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
-
 // The zygote's request for one keeper: the pin's numbers; its descriptors travel as SCM_RIGHTS in
 // this order: socket, channel, then, for a pinned peer, pidfd and /proc/<pid>.
 struct SpawnRequest {
@@ -110,7 +108,7 @@ bool waitReadable(int socket, int milliseconds = -1) {
         LDAwaitKeeperEnd();
       }
       // Never exits by itself, so the number still names it.
-      if (keeper > 0) pidfd.reset(openPidfd(keeper));
+      if (keeper > 0) pidfd.reset(LDOpenPidfd(keeper));
       if (pidfd.isValid()) reply.pid = keeper;
       if (keeper > 0 && !pidfd.isValid()) (void)::kill(keeper, SIGKILL);
     }
@@ -165,7 +163,7 @@ std::optional<LDKeeperZygote> LDKeeperZygote::start(LDKeeperMain keeperMain, pid
     return std::nullopt;
   }
   if (zygote == 0) runZygote(zygoteEnd.fileDescriptor(), nullDevice.fileDescriptor(), monitor, keeperMain, fork);
-  LDFileHandle pidfd(openPidfd(zygote));
+  LDFileHandle pidfd(LDOpenPidfd(zygote));
   if (!pidfd.isValid()) {
     *errorNumber = errno;
     (void)::kill(zygote, SIGKILL);

@@ -24,9 +24,6 @@ namespace {
 // Linux 6.5; absent from Debian 12's headers.
 constexpr int kSoPeerPidfd = 77;
 
-// Debian 12's <sys/pidfd.h> declares these without C linkage, so they are called directly.
-int openPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
-
 // A pidfd turns readable once its process has exited. Asked with poll, not with signal 0, which
 // for another user's process would need CAP_KILL.
 bool isAlive(int pidfd) {
@@ -44,7 +41,7 @@ LDFileHandle peerPidfd(int socket, pid_t pid, bool usePeerPidfd, bool* fromSocke
     if (*fromSocket) return LDFileHandle(pidfd);
   }
   *fromSocket = false;
-  return LDFileHandle(openPidfd(pid));
+  return LDFileHandle(LDOpenPidfd(pid));
 }
 
 // The inode of the other end of a connected AF_UNIX socket, asked of the kernel's sock_diag.
@@ -135,6 +132,8 @@ std::string executableProblem(int processDirectory, const LDExecutableFile& exec
 }
 
 }  // namespace
+
+int LDOpenPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
 
 bool LDRefuseDescriptors(int socket) {
   constexpr int kSoPassRights = 83;  // Linux 6.16
