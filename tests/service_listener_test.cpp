@@ -213,6 +213,22 @@ TEST_F(ServiceListenerTest, KeptSocketsPastTheirBoundEndTheHelperOnceNoConnectio
   EXPECT_EQ(terminated, 1);
 }
 
+// Once the one transfer is over, a client that connects while the helper ends is not accepted,
+// not even when a slot comes back: it waits in the backlog for the next helper.
+TEST_F(ServiceListenerTest, AClientArrivingOnceTheTransferIsOverWaitsForTheNextHelper) {
+  bool transferOver = false;
+  listener->setAcceptsWhile([&] { return !transferOver; });
+  ASSERT_TRUE(listener->activate());
+  LDFileHandle first = connect();
+  ASSERT_TRUE(runUntil([&] { return seen(first) == "hello"; }));
+  transferOver = true;
+  const LDFileHandle late = connect();
+  first.reset();
+  runUntil([] { return keepers() == 0; });
+  runUntil([] { return false; }, 100'000'000);
+  EXPECT_EQ(seen(late), "nothing");
+}
+
 int failingFork() {
   static int calls = 0;
   errno = EAGAIN;

@@ -113,6 +113,7 @@ int main() {
       [](int32_t status) { std::exit(status); }, utilityQueue);
   LDListenerServiceDelegate delegate(service);
   listener.setDelegate(&delegate);
+  listener.setAcceptsWhile([&service] { return service->state() != LDListenerServiceStateFinished; });
   // Every ending goes through the service's once-only termination: the first status wins.
   listener.setTerminate([&service](int status) { service->terminateOnce(status); });
   // The loop ends only through the terminate callback; a loop that cannot wait serves no one.

@@ -212,7 +212,7 @@ bool LDServiceListener::activate(int* errorNumber) {
 }
 
 void LDServiceListener::acceptConnections() {
-  while (!_windingDown && _keepers.size() < kMaximumConnections) {
+  while (takesConnections() && _keepers.size() < kMaximumConnections) {
     const uint64_t acceptedAfter = LDBootTimeTicks();
     const int accepted = _calls->accept(_socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     const int failure = accepted >= 0 ? 0 : errno;
@@ -232,7 +232,7 @@ void LDServiceListener::acceptConnections() {
       return;
     }
   }
-  // Full: stop accepting until a slot comes back; the kernel's backlog holds the rest.
+  // Full, or done: stop accepting until a slot comes back; the kernel's backlog holds the rest.
   _runLoop.modify(_socket.fileDescriptor(), 0);
 }
 
@@ -395,7 +395,7 @@ void LDServiceListener::endIfAdmissionsCannotEnd() {
 }
 
 void LDServiceListener::updateAccepting() {
-  if (_accepting && !_acceptPaused && !_windingDown) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
+  if (_accepting && !_acceptPaused && takesConnections()) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
 }
 
 // --- In the keeper: examine the peer, then serve its connection for the monitor.

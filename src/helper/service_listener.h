@@ -117,6 +117,10 @@ class LDServiceListener {
   // Called once, with 1, when admissions can no longer be ended and no connection is left, or
   // when no more keepers can be made.
   void setTerminate(std::function<void(int status)> terminate) { _terminate = std::move(terminate); }
+  // Connections are accepted only while this holds. The one-shot service says no once its transfer
+  // is over: a client that connects while this helper ends then waits in the backlog for the next
+  // helper, instead of being accepted here and dropped at the exit.
+  void setAcceptsWhile(std::function<bool()> accepts) { _acceptsWhile = std::move(accepts); }
   // Not owned: the caller keeps the delegate alive.
   void setDelegate(LDServiceListenerDelegate* delegate) { _delegate = delegate; }
   // Forks the keepers' zygote and starts accepting: call before any thread starts, after
@@ -143,6 +147,7 @@ class LDServiceListener {
   void end(uint64_t serial);
   void exited(uint64_t serial);
   void updateAccepting();
+  bool takesConnections() const { return !_windingDown && (!_acceptsWhile || _acceptsWhile()); }
   void endIfAdmissionsCannotEnd();
   void keepUntilExit(LDFileHandle socket);
   void windDown();
@@ -157,6 +162,7 @@ class LDServiceListener {
   Timing _timing;
   const Calls* _calls = &kSystemCalls;
   std::function<void(int)> _terminate;
+  std::function<bool()> _acceptsWhile;
   LDServiceListenerDelegate* _delegate = nullptr;
   std::optional<LDKeeperZygote> _zygote;
   std::map<uint64_t, Keeper> _keepers;  // by serial number
