@@ -40,9 +40,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/peer_identity.h"
+#include "admission/peer_identity.h"
 #include "platform/seqpacket.h"
-#include "platform/wire.h"
+#include "protocol/wire.h"
 #include "shared/loopback_listeners.h"
 #include "signing/code_signing.h"
 #include "tools/code_signer.h"

@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "bench_support.h"
-#include "helper/peer_keeper.h"
-#include "platform/parser_sandbox.h"
+#include "admission/peer_keeper.h"
+#include "admission/parser_sandbox.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 # and anchors: a vendor builds the helper and the SDK together, from one configuration.
 set(LD_SDK_LIBRARY quillfern-local-domain-listener)
 add_library(ld_sdk STATIC
-  $<TARGET_OBJECTS:ld_client> $<TARGET_OBJECTS:ld_platform> $<TARGET_OBJECTS:ld_signing> $<TARGET_OBJECTS:ld_shared>)
+  $<TARGET_OBJECTS:ld_client> $<TARGET_OBJECTS:ld_platform> $<TARGET_OBJECTS:ld_protocol> $<TARGET_OBJECTS:ld_signing> $<TARGET_OBJECTS:ld_shared>)
 set_target_properties(ld_sdk PROPERTIES OUTPUT_NAME ${LD_SDK_LIBRARY} LINKER_LANGUAGE CXX)
 target_include_directories(ld_sdk INTERFACE ${PROJECT_SOURCE_DIR}/include)
 # What the archive needs from the system: Hogweed, Nettle and GMP (the client checks its own

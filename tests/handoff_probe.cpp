@@ -48,7 +48,7 @@
 
 #include "platform/seqpacket.h"
 #include "shared/file_handle.h"
-#include "platform/wire.h"
+#include "protocol/wire.h"
 
 namespace {
 

@@ -26,7 +26,7 @@
 #include "platform/seqpacket.h"
 #include "signing/code_signature.h"
 #include "tools/code_signer.h"
-#include "platform/wire.h"
+#include "protocol/wire.h"
 #include "shared/loopback_listeners.h"
 #include "support/descriptors.h"
 #include "support/helper_harness.h"

@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "platform/parser_sandbox.h"
+#include "admission/parser_sandbox.h"
 #include "signing/code_signature.h"
 #include "support/descriptors.h"
 #include "support/test_pki.h"

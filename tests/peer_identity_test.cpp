@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "platform/dispatch.h"
-#include "platform/peer_identity.h"
+#include "admission/peer_identity.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include <filesystem>
 
-#include "helper/peer_keeper.h"
+#include "admission/peer_keeper.h"
 #include "support/descriptors.h"
 
 namespace {

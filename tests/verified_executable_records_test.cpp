@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "platform/verified_executable_records.h"
+#include "admission/verified_executable_records.h"
 #include "support/descriptors.h"
 #include "support/test_pki.h"
 #include "tools/code_signer.h"

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/wire.h"
+#include "protocol/wire.h"
 #include "shared/file_handle.h"
 
 namespace {

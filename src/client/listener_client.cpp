@@ -15,7 +15,7 @@
 #include "client/self_admission.h"
 #include "platform/seqpacket.h"
 #include "platform/socket_activation.h"
-#include "platform/wire.h"
+#include "protocol/wire.h"
 #include "shared/loopback_listeners.h"
 
 namespace {
@@ -159,19 +159,28 @@ bool sendMessage(int fd, const LDMessage& message, std::optional<Failure>* faile
 Failure refusal(int64_t status, const std::optional<std::string>& message, uint16_t port) {
   const std::string detail = message.value_or("no message");
   switch (status) {
-    case 3:
+    case LDListenerTransferStatusUnsupportedVersion:
       return problem(LDClientFailure::helperFailed, "The helper speaks another protocol version (" + detail +
                                                         "): install the helper that came with this application.");
-    case 4:
+    case LDListenerTransferStatusBusy:
       return problem(LDClientFailure::busy, "Another program is taking the listeners from the helper right now (" +
                                                 detail + "): try again in a moment.");
-    case 8:
+    case LDListenerTransferStatusAddressInUse:
       return problem(LDClientFailure::portInUse, "Port " + std::to_string(port) +
                                                      " on 127.0.0.1 or ::1 is already in use by another program (" +
                                                      detail + "): stop that program and try again.");
-    default:
+    case LDListenerTransferStatusBindFailed:
+    case LDListenerTransferStatusDuplicationFailed:
       return problem(LDClientFailure::helperFailed, "The helper could not create the listeners (status " +
                                                         std::to_string(status) + ": " + detail + ").");
+    case LDListenerTransferStatusTransferred:
+    case LDListenerTransferStatusAcknowledged:
+    case LDListenerTransferStatusRejected:
+    case LDListenerTransferStatusInvalidAcknowledgement:
+    default:
+      return problem(LDClientFailure::helperFailed, "The helper answered the request with status " +
+                                                        std::to_string(status) + ", which no request is answered with (" +
+                                                        detail + ").");
   }
 }
 
@@ -239,7 +248,7 @@ std::optional<Handoff> requestListeners(int fd, const LDClientOptions& options, 
     *failed = problem(LDClientFailure::helperFailed, "The helper answered the request with the wrong message.");
     return std::nullopt;
   }
-  if (reply->status != 0) {
+  if (reply->status != LDListenerTransferStatusTransferred) {
     *failed = refusal(reply->status, reply->message, options.port);
     return std::nullopt;
   }
@@ -278,7 +287,7 @@ std::optional<LDAcquiredListeners> acknowledge(int fd, const LDClientOptions& op
     return std::nullopt;
   }
   const auto* done = std::get_if<LDCompleteReplyMessage>(&completed->message);
-  if (done == nullptr || done->status != 1) {
+  if (done == nullptr || done->status != LDListenerTransferStatusAcknowledged) {
     *failed = problem(LDClientFailure::helperFailed,
                       "The helper did not accept the acknowledgement (" +
                           (done ? done->message.value_or("no message") : std::string("wrong message")) + ").");

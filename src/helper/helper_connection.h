@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "helper/listener_handoff.h"
-#include "platform/peer_identity.h"
+#include "admission/peer_identity.h"
 #include "platform/run_loop.h"
-#include "platform/wire.h"
+#include "protocol/wire.h"
 
 class LDHelperConnection final : public LDListenerConnection {
  public:

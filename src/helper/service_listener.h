@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "helper/listener_handoff.h"
-#include "helper/peer_keeper.h"
+#include "admission/peer_keeper.h"
 #include "platform/run_loop.h"
 #include "signing/code_signing.h"
 

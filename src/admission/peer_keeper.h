@@ -24,9 +24,9 @@
 #include <optional>
 #include <type_traits>
 
-#include "platform/peer_identity.h"
-#include "platform/verified_executable_records.h"
-#include "platform/wire.h"
+#include "admission/peer_identity.h"
+#include "admission/verified_executable_records.h"
+#include "protocol/wire.h"
 #include "shared/file_handle.h"
 
 // Keeper -> monitor.

@@ -9,7 +9,7 @@
 // those reads wait for as long as the peer is inside an exec: a process that execs with a
 // close-on-exec file of a FUSE server that never answers stays there, and with it every reader of
 // its stat, exe, ns/user and auxv. So the examination runs in a worker process that the helper
-// can kill (helper/peer_keeper.h).
+// can kill (admission/peer_keeper.h).
 
 #include <sys/types.h>
 
@@ -19,7 +19,7 @@
 #include <string>
 
 #include "platform/process_inspection.h"
-#include "platform/verified_executable_records.h"
+#include "admission/verified_executable_records.h"
 #include "shared/file_handle.h"
 #include "signing/code_signing.h"
 

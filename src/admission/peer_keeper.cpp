@@ -1,4 +1,4 @@
-#include "helper/peer_keeper.h"
+#include "admission/peer_keeper.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "platform/verified_executable_records.h"
+#include "admission/verified_executable_records.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "platform/peer_identity.h"
+#include "admission/peer_identity.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -17,7 +17,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/parser_sandbox.h"
+#include "admission/parser_sandbox.h"
 
 namespace {
 

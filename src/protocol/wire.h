@@ -10,6 +10,8 @@
 #include <string_view>
 #include <variant>
 
+#include "protocol/transfer_status.h"
+
 inline constexpr uint32_t LDWireMagic = 0x31444C51;  // "QLD1" on the wire
 inline constexpr size_t LDWireMaximumPacketSize = 4096;
 inline constexpr size_t LDWireMaximumStringSize = 1024;
@@ -33,7 +35,7 @@ struct LDRequestMessage {
 
 struct LDRequestReplyMessage {
   int64_t protocolVersion;
-  int64_t status;
+  int64_t status;  // an LDListenerTransferStatus, or a value this side does not know
   std::optional<std::string> token;
   uint8_t handles;  // LDWireHandleIPv4 | LDWireHandleIPv6: which descriptors ride along, in order
   int32_t helperProcessIdentifier;

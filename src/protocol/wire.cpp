@@ -1,4 +1,4 @@
-#include "platform/wire.h"
+#include "protocol/wire.h"
 
 #include <bit>
 

@@ -1,4 +1,4 @@
-#include "platform/parser_sandbox.h"
+#include "admission/parser_sandbox.h"
 
 #include <fcntl.h>
 #include <linux/audit.h>
