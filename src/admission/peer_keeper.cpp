@@ -65,6 +65,30 @@ bool waitReadable(int socket, int milliseconds = -1) {
   return ready > 0;
 }
 
+// In a new keeper: what the zygote received becomes the keeper's start; only it stays open.
+[[noreturn]] void runKeeper(const SpawnRequest& request, std::vector<LDFileHandle>& descriptors, int nullDevice,
+                            pid_t zygote, const LDKeeperMain& keeperMain) {
+  LDKeeperStart start;
+  start.socket = std::move(descriptors[0]);
+  start.channel = std::move(descriptors[1]);
+  start.peer.pid = request.pid;
+  start.peer.uid = request.uid;
+  start.peer.gid = request.gid;
+  start.peer.pidfdFromSocket = request.pidfdFromSocket != 0;
+  if (request.pinned != 0) {
+    start.peer.pidfd = std::move(descriptors[2]);
+    start.peer.processDirectory = std::move(descriptors[3]);
+  }
+  start.acceptedAfter = request.acceptedAfter;
+  const int kept[] = {start.socket.fileDescriptor(), start.channel.fileDescriptor(),
+                      start.peer.pidfd.fileDescriptor(), start.peer.processDirectory.fileDescriptor()};
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == zygote && ::signal(SIGCHLD, SIG_DFL) != SIG_ERR &&
+      LDKeepOnlyDescriptors(nullDevice, kept, request.pinned != 0 ? 4 : 2)) {
+    keeperMain(start);
+  }
+  LDAwaitKeeperEnd();
+}
+
 [[noreturn]] void runZygote(int channel, int nullDevice, pid_t monitor, const LDKeeperMain& keeperMain,
                             pid_t (*forkKeeper)()) {
   if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != monitor) ::_exit(1);
@@ -86,27 +110,7 @@ bool waitReadable(int socket, int milliseconds = -1) {
     LDFileHandle pidfd;
     if (descriptors.size() == (request.pinned != 0 ? kSpawnDescriptors : 2)) {
       const pid_t keeper = forkKeeper();
-      if (keeper == 0) {
-        LDKeeperStart start;
-        start.socket = std::move(descriptors[0]);
-        start.channel = std::move(descriptors[1]);
-        start.peer.pid = request.pid;
-        start.peer.uid = request.uid;
-        start.peer.gid = request.gid;
-        start.peer.pidfdFromSocket = request.pidfdFromSocket != 0;
-        if (request.pinned != 0) {
-          start.peer.pidfd = std::move(descriptors[2]);
-          start.peer.processDirectory = std::move(descriptors[3]);
-        }
-        start.acceptedAfter = request.acceptedAfter;
-        const int kept[] = {start.socket.fileDescriptor(), start.channel.fileDescriptor(),
-                            start.peer.pidfd.fileDescriptor(), start.peer.processDirectory.fileDescriptor()};
-        if (::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && ::getppid() == zygote && ::signal(SIGCHLD, SIG_DFL) != SIG_ERR &&
-            LDKeepOnlyDescriptors(nullDevice, kept, request.pinned != 0 ? 4 : 2)) {
-          keeperMain(start);
-        }
-        LDAwaitKeeperEnd();
-      }
+      if (keeper == 0) runKeeper(request, descriptors, nullDevice, zygote, keeperMain);
       // Never exits by itself, so the number still names it.
       if (keeper > 0) pidfd.reset(LDOpenPidfd(keeper));
       if (pidfd.isValid()) reply.pid = keeper;

@@ -111,56 +111,62 @@ void LDKeptConnection::activate() {
 }
 
 void LDKeptConnection::handle(const LDKeeperReport& report) {
-  if (report.kind == LDKeeperReportKind::written) {
-    if (_written < _replies) ++_written;
-    while (!_closed && !_barriers.empty() && _barriers.begin()->first <= _written) {
-      std::function<void()> barrier = std::move(_barriers.begin()->second);
-      _barriers.erase(_barriers.begin());
-      barrier();  // may end the process
-    }
-    return;
-  }
+  if (report.kind == LDKeeperReportKind::written) return replyWritten();
   if (!_exportedObject) return _broken();
-  if (report.kind == LDKeeperReportKind::request) {
-    _exportedObject->requestListenerTransferWithProtocolVersion(
-        report.protocolVersion,
-        [this](int64_t protocolVersion, int64_t status, const std::optional<std::string>& token,
-               const LDListenerHandle& ipv4Listener, const LDListenerHandle& ipv6Listener,
-               int32_t helperProcessIdentifier, const std::optional<std::string>& replyMessage) {
-          LDKeeperOrder reply{};
-          reply.kind = LDKeeperOrderKind::requestReply;
-          reply.protocolVersion = protocolVersion;
-          reply.status = status;
-          reply.helperProcessIdentifier = helperProcessIdentifier;
-          fill(reply.token, &reply.tokenLength, &reply.tokenPresent, token);
-          fill(reply.message, &reply.messageLength, &reply.messagePresent, replyMessage);
-          std::vector<int> descriptors;
-          if (ipv4Listener) {
-            reply.handles |= LDWireHandleIPv4;
-            descriptors.push_back(ipv4Listener->fileDescriptor());
-          }
-          if (ipv6Listener) {
-            reply.handles |= LDWireHandleIPv6;
-            descriptors.push_back(ipv6Listener->fileDescriptor());
-          }
-          ++_replies;
-          order(reply, descriptors);
-        },
-        this);
-  } else if (report.kind == LDKeeperReportKind::complete) {
-    _exportedObject->completeListenerTransferWithProtocolVersion(
-        report.protocolVersion, text(report.token, report.tokenLength, report.tokenPresent), report.accepted != 0,
-        [this](int64_t protocolVersion, int64_t status, const std::optional<std::string>& replyMessage) {
-          LDKeeperOrder reply{};
-          reply.kind = LDKeeperOrderKind::completeReply;
-          reply.protocolVersion = protocolVersion;
-          reply.status = status;
-          fill(reply.message, &reply.messageLength, &reply.messagePresent, replyMessage);
-          ++_replies;
-          order(reply);
-        },
-        this);
+  if (report.kind == LDKeeperReportKind::request) relayRequest(report);
+  if (report.kind == LDKeeperReportKind::complete) relayComplete(report);
+}
+
+void LDKeptConnection::replyWritten() {
+  if (_written < _replies) ++_written;
+  while (!_closed && !_barriers.empty() && _barriers.begin()->first <= _written) {
+    std::function<void()> barrier = std::move(_barriers.begin()->second);
+    _barriers.erase(_barriers.begin());
+    barrier();  // may end the process
   }
+}
+
+void LDKeptConnection::relayRequest(const LDKeeperReport& report) {
+  _exportedObject->requestListenerTransferWithProtocolVersion(
+      report.protocolVersion,
+      [this](int64_t protocolVersion, int64_t status, const std::optional<std::string>& token,
+             const LDListenerHandle& ipv4Listener, const LDListenerHandle& ipv6Listener,
+             int32_t helperProcessIdentifier, const std::optional<std::string>& replyMessage) {
+        LDKeeperOrder reply{};
+        reply.kind = LDKeeperOrderKind::requestReply;
+        reply.protocolVersion = protocolVersion;
+        reply.status = status;
+        reply.helperProcessIdentifier = helperProcessIdentifier;
+        fill(reply.token, &reply.tokenLength, &reply.tokenPresent, token);
+        fill(reply.message, &reply.messageLength, &reply.messagePresent, replyMessage);
+        std::vector<int> descriptors;
+        if (ipv4Listener) {
+          reply.handles |= LDWireHandleIPv4;
+          descriptors.push_back(ipv4Listener->fileDescriptor());
+        }
+        if (ipv6Listener) {
+          reply.handles |= LDWireHandleIPv6;
+          descriptors.push_back(ipv6Listener->fileDescriptor());
+        }
+        ++_replies;
+        order(reply, descriptors);
+      },
+      this);
+}
+
+void LDKeptConnection::relayComplete(const LDKeeperReport& report) {
+  _exportedObject->completeListenerTransferWithProtocolVersion(
+      report.protocolVersion, text(report.token, report.tokenLength, report.tokenPresent), report.accepted != 0,
+      [this](int64_t protocolVersion, int64_t status, const std::optional<std::string>& replyMessage) {
+        LDKeeperOrder reply{};
+        reply.kind = LDKeeperOrderKind::completeReply;
+        reply.protocolVersion = protocolVersion;
+        reply.status = status;
+        fill(reply.message, &reply.messageLength, &reply.messagePresent, replyMessage);
+        ++_replies;
+        order(reply);
+      },
+      this);
 }
 
 void LDKeptConnection::scheduleSendBarrierBlock(std::function<void()> barrier) {
@@ -400,56 +406,52 @@ void LDServiceListener::updateAccepting() {
 
 // --- In the keeper: examine the peer, then serve its connection for the monitor.
 
-void LDServiceListener::serveInKeeper(LDKeeperStart& start) {
-  const int channel = start.channel.fileDescriptor();
-  const int socket = start.socket.fileDescriptor();
-  const auto say = [channel](const LDKeeperReport& report) { (void)LDSendRecord(channel, report); };
-  const auto sayKind = [&say](LDKeeperReportKind kind) {
-    LDKeeperReport report{};
-    report.kind = kind;
-    say(report);
-  };
-  if (!start.peer.pidfd.isValid()) {
-    (void)::shutdown(socket, SHUT_RDWR);
-    return sayKind(LDKeeperReportKind::refused);
-  }
-  std::optional<LDPeerVerdict> verdict =
-      _examination(socket, start.peer, start.acceptedAfter, [&] { sayKind(LDKeeperReportKind::inspected); });
-  // A client speaks only after Hello; anything already waiting was sent before it.
-  char probe;
-  if (!verdict || ::recv(socket, &probe, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno != EAGAIN) {
-    (void)::shutdown(socket, SHUT_RDWR);  // the peer learns at once; nothing in flight is released
-    return sayKind(LDKeeperReportKind::refused);
-  }
+namespace {
+
+void say(int channel, const LDKeeperReport& report) { (void)LDSendRecord(channel, report); }
+
+void sayKind(int channel, LDKeeperReportKind kind) {
+  LDKeeperReport report{};
+  report.kind = kind;
+  say(channel, report);
+}
+
+LDKeeperReport admittedReport(const LDPeerVerdict& verdict) {
   LDKeeperReport admitted{};
   admitted.kind = LDKeeperReportKind::admitted;
-  admitted.executable = verdict->executable;
-  admitted.hasGroup = verdict->applicationGroup ? 1 : 0;
-  admitted.group = verdict->applicationGroup.value_or(0);
-  if (verdict->verified) {
+  admitted.executable = verdict.executable;
+  admitted.hasGroup = verdict.applicationGroup ? 1 : 0;
+  admitted.group = verdict.applicationGroup.value_or(0);
+  if (verdict.verified) {
     admitted.recordable = 1;
-    admitted.before = verdict->verified->before;
-    admitted.after = verdict->verified->after;
+    admitted.before = verdict.verified->before;
+    admitted.after = verdict.verified->after;
   }
-  say(admitted);
+  return admitted;
+}
 
+// Serves the admitted peer's connection: its calls go up to the monitor, the monitor's orders
+// come back as replies; returns when either side ends.
+void serveAdmitted(LDKeeperStart& start, const LDPeerVerdict& verdict) {
+  const int channel = start.channel.fileDescriptor();
+  const int socket = start.socket.fileDescriptor();
   LDRunLoop loop;
   LDAdmittedPeer peer;
   peer.pid = start.peer.pid;
   peer.uid = start.peer.uid;
   peer.pidfd = std::move(start.peer.pidfd);
   peer.processDirectory = std::move(start.peer.processDirectory);
-  peer.verdict = *verdict;
+  peer.verdict = verdict;
   // The connection closes a copy; the original stays with the keeper until it dies.
   LDHelperConnection connection(LDFileHandle(::fcntl(socket, F_DUPFD_CLOEXEC, 3)), std::move(peer), loop,
                                 [&](LDHelperConnection&, const std::string&) {
                                   (void)::shutdown(socket, SHUT_RDWR);
-                                  sayKind(LDKeeperReportKind::closed);
+                                  sayKind(channel, LDKeeperReportKind::closed);
                                   loop.stop();
                                 });
   auto proxy = std::make_shared<MonitorProxy>(channel);
   connection.setExportedObject(proxy);
-  connection.setMessageCheckBegins([&] { sayKind(LDKeeperReportKind::checking); });
+  connection.setMessageCheckBegins([channel] { sayKind(channel, LDKeeperReportKind::checking); });
   const bool watching = loop.watch(channel, EPOLLIN, [&](uint32_t) {
     for (;;) {
       LDKeeperOrder order{};
@@ -465,11 +467,32 @@ void LDServiceListener::serveInKeeper(LDKeeperStart& start) {
         proxy->answer(order, descriptors);
         // Runs once the reply has been handed to the kernel, even if the client reads it and
         // leaves at once: never, if the connection breaks first.
-        connection.scheduleSendBarrierBlock([&sayKind] { sayKind(LDKeeperReportKind::written); });
+        connection.scheduleSendBarrierBlock([channel] { sayKind(channel, LDKeeperReportKind::written); });
       }
     }
   });
   if (watching) (void)loop.run();
+}
+
+}  // namespace
+
+void LDServiceListener::serveInKeeper(LDKeeperStart& start) {
+  const int channel = start.channel.fileDescriptor();
+  const int socket = start.socket.fileDescriptor();
+  if (!start.peer.pidfd.isValid()) {
+    (void)::shutdown(socket, SHUT_RDWR);
+    return sayKind(channel, LDKeeperReportKind::refused);
+  }
+  std::optional<LDPeerVerdict> verdict =
+      _examination(socket, start.peer, start.acceptedAfter, [channel] { sayKind(channel, LDKeeperReportKind::inspected); });
+  // A client speaks only after Hello; anything already waiting was sent before it.
+  char probe;
+  if (!verdict || ::recv(socket, &probe, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || errno != EAGAIN) {
+    (void)::shutdown(socket, SHUT_RDWR);  // the peer learns at once; nothing in flight is released
+    return sayKind(channel, LDKeeperReportKind::refused);
+  }
+  say(channel, admittedReport(*verdict));
+  serveAdmitted(start, *verdict);
 }
 
 bool LDListenerServiceDelegate::listener(LDServiceListener&, LDKeptConnection& shouldAcceptNewConnection) {

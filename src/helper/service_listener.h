@@ -51,6 +51,9 @@ class LDKeptConnection final : public LDListenerConnection {
 
  private:
   void order(const LDKeeperOrder& order, const std::vector<int>& descriptors = {});
+  void replyWritten();
+  void relayRequest(const LDKeeperReport& report);
+  void relayComplete(const LDKeeperReport& report);
 
   int _channel;  // owned by the listener
   std::function<void()> _broken;
