@@ -47,7 +47,8 @@ bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
 
 // How the fake helper ends the exchange, or what the client is made to lack.
 enum class Fault {
-  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, silent, malformed, busy, portInUse, noHandles,
+  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, closeDuringRequest, silent, malformed, busy,
+  portInUse, noHandles,
   otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
 };
 
@@ -76,7 +77,7 @@ struct Case {
   LDClientFailure failure{};
   int diagnoses = 0;  // the diagnosis reads and hashes the whole executable: only after a refusal
   const bool acquired = LDAcquireListeners({.socketPath = fault == Fault::noSocket ? path + ".none" : path,
-                                            .activationTimeout = 1,
+                                            .activationTimeout = fault == Fault::silent ? 0.05 : 5,
                                             .requireSecureExecution = fault == Fault::notSetGroupId,
                                             .diagnoseRefusal = [&](const std::string& socket) {
                                               ++diagnoses;
@@ -98,7 +99,8 @@ struct Case {
 void playHelper(int connection, Fault fault, pid_t client, const LDFileHandle& ipv4, const LDFileHandle& ipv6) {
   if (fault == Fault::closeBeforeHello) return;
   if (fault == Fault::silent) {
-    ::usleep(1'200'000);
+    pollfd given{connection, POLLIN, 0};  // until the client gives up and closes
+    ::poll(&given, 1, 5000);
     return;
   }
   LDSendPacket(connection, LDEncodeMessage(LDHelloMessage{}), {}, false);
@@ -110,6 +112,7 @@ void playHelper(int connection, Fault fault, pid_t client, const LDFileHandle& i
            LDReceivePacket(connection, 4096, &packet, &errorNumber) == LDReceiveResult::packet;
   };
   receive();
+  if (fault == Fault::closeDuringRequest) return;
   if (fault == Fault::malformed) {
     LDSendPacket(connection, "QLD1 and then nonsense", {}, false);
     return;
@@ -152,6 +155,8 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
       {Fault::permissionDenied, "sock (permission denied): the socket must be writable by everyone",
        LDClientFailure::noHelper},
       {Fault::closeBeforeHello, "diagnosed /tmp/", LDClientFailure::refused},
+      // Admitted, so not a refusal of what this program is: no diagnosis.
+      {Fault::closeDuringRequest, "The helper closed the connection while waiting for the listeners."},
       {Fault::silent, "The helper did not answer in time while waiting to be admitted", LDClientFailure::timedOut},
       {Fault::malformed, "The helper sent a malformed message while waiting for the listeners"},
       {Fault::busy, "Another program is taking the listeners from the helper right now (refused)",
@@ -203,13 +208,18 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
 }
 
 // What a C caller sees, each case in a process of its own (one call per process): arguments it
-// cannot serve refused before anything is asked or opened, a second call told apart, and a
+// cannot serve refused before anything is asked or opened, the group given up all the same, a
+// second call told apart, and a
 // message that a buffer of LD_ACQUIRE_MESSAGE_SIZE holds whole while a smaller one holds its start.
 TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
   const std::string none = "/nonexistent/helper.sock";
+  // The code, both places, and the gids after the call: the group is given up on every path.
   auto call = [](const char* path, int* ipv4, int* ipv6, char* buffer, size_t size) {
     const int code = ld_acquire_listeners(path, ipv4, ipv6, buffer, size);
-    return std::to_string(code) + " " + std::to_string(*ipv4) + " " + std::to_string(*ipv6);
+    gid_t real = 1, effective = 1, saved = 1;
+    ::getresgid(&real, &effective, &saved);
+    return std::to_string(code) + " " + (ipv4 ? std::to_string(*ipv4) : "NULL") + " " + std::to_string(*ipv6) +
+           " gids " + std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
   };
   const std::string longPath(10000, 'p');
   const std::vector<std::pair<std::function<std::string()>, std::string>> cases = {
@@ -220,14 +230,20 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
          const std::string result = call(none.c_str(), &same, &same, message, sizeof message);
          return result + (ldtest::openDescriptors() == before ? " nothing opened: " : " opened: ") + message;
        },
-       "1 -1 -1 nothing opened: ld_acquire_listeners: ipv4 and ipv6 must be two different places"},
+       "1 -1 -1 gids 0 0 0 nothing opened: ld_acquire_listeners: ipv4 and ipv6 must be two different places"},
+      {[&] {
+         int ipv6 = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         return call(none.c_str(), nullptr, &ipv6, message, sizeof message) + " " + message;
+       },
+       "1 NULL -1 gids 0 0 0 ld_acquire_listeners: ipv4 and ipv6 must not be NULL"},
       {[&] {
          int ipv4 = 7, ipv6 = 7;
          char message[LD_ACQUIRE_MESSAGE_SIZE];
          call(none.c_str(), &ipv4, &ipv6, message, sizeof message);
          return call(nullptr, &ipv4, &ipv6, message, sizeof message) + " " + message;
        },
-       "11 -1 -1 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
+       "11 -1 -1 gids 0 0 0 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
       {[&] {
          int ipv4 = 7, ipv6 = 7;
          char message[LD_ACQUIRE_MESSAGE_SIZE];
@@ -235,7 +251,13 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
          const std::string text = message;
          return result + " " + std::to_string(text.size()) + " " + text.substr(0, 43) + text.substr(text.size() - 5);
        },
-       "3 -1 -1 4095 The helper's socket path is too long (10000pp..."},
+       "3 -1 -1 gids 0 0 0 4095 The helper's socket path is too long (10000pp..."},
+      {[&] {  // one byte more than sun_path holds with its NUL
+         int ipv4 = 7, ipv6 = 7;
+         char message[LD_ACQUIRE_MESSAGE_SIZE];
+         return call(std::string(108, 'p').c_str(), &ipv4, &ipv6, message, sizeof message) + " " + message;
+       },
+       "3 -1 -1 gids 0 0 0 The helper's socket path is too long (108 bytes"},
       {[&] {
          int ipv4 = 7, ipv6 = 7;
          char full[LD_ACQUIRE_MESSAGE_SIZE];
@@ -257,6 +279,7 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
     ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
     const pid_t child = ::fork();
     if (child == 0) {
+      if (::setresgid(0, 4242, 4242) != 0) ::_exit(2);  // as installed set-group-ID
       const std::string text = run();
       (void)!::write(report[1], text.data(), text.size());
       ::_exit(0);
