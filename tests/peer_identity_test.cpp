@@ -1,17 +1,16 @@
 // Admission's pinning of the peer process, on a socketpair whose peer is this very process.
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include "platform/dispatch.h"
 #include "admission/peer_identity.h"
@@ -36,6 +35,35 @@ bool kernelHasPeerPidfd() {
   return result == 0;
 }
 
+// A child that holds exactly `descriptors` descriptors, one of them its connection to the socket
+// returned, and exits once that closes.
+LDFileHandle connectedChildHolding(int descriptors, pid_t* child) {
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "\0peer-identity-test"};
+  const auto length = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + std::strlen(address.sun_path + 1));
+  const LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  if (::bind(listening.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::listen(listening.fileDescriptor(), 1) != 0 || (*child = ::fork()) < 0) {
+    return LDFileHandle();
+  }
+  if (*child == 0) {
+    constexpr int kConnection = 100;
+    const int connection = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    if (::connect(connection, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::dup2(connection, kConnection) != kConnection || ::close_range(0, kConnection - 1, 0) != 0 ||
+        ::close_range(kConnection + 1, ~0u, 0) != 0) {
+      ::_exit(1);
+    }
+    for (int i = 1; i < descriptors; ++i) (void)::dup(kConnection);
+    char ready = 0;
+    (void)::send(kConnection, &ready, 1, 0);
+    (void)::recv(kConnection, &ready, 1, 0);
+    ::_exit(0);
+  }
+  LDFileHandle accepted(::accept4(listening.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
+  char ready = 0;
+  return ::recv(accepted.fileDescriptor(), &ready, 1, 0) == 1 ? std::move(accepted) : LDFileHandle();
+}
+
 // How far admission gets with this unsigned test program as the peer tells which check refused it.
 // Without SO_PEERPIDFD (Debian 12's 6.1) admission falls back to the pid and the start time, so a
 // clock read before the peer started refuses it there, where SO_PEERPIDFD needs no clock.
@@ -46,7 +74,7 @@ TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBef
   struct Case {
     bool usePeerPidfd;
     uint64_t acceptedAfter;
-    int extraDescriptors;
+    int childDescriptors;  // 0: the peer is this process, on a socket pair
     const char* reason;
     const char* reasonWithoutPeerPidfd = nullptr;  // where the kernel lacks it, if that differs
   } cases[] = {
@@ -54,18 +82,19 @@ TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBef
       {false, LDBootTimeTicks(), 0, "signature (OSStatus -67062)"},
       {true, 0, 0, "signature (OSStatus -67062)",  // the kernel names the process; no clock needed
        "the peer process could not be pinned down"},
-      {true, LDBootTimeTicks(), 1100, "the peer holds more descriptors than a client needs"},
+      // The cap is 8 here: at it, the peer goes on to its signature; one more and it is refused.
+      {false, ~uint64_t{0}, 8, "signature (OSStatus -67062)"},
+      {false, ~uint64_t{0}, 9, "the peer holds more descriptors than a client needs"},
   };
-  rlimit limit{4096, 4096};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
   for (const Case& c : cases) {
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
     LDFileHandle ours(pair[0]), theirs(pair[1]);
-    std::vector<LDFileHandle> extra;
-    for (int i = 0; i < c.extraDescriptors; ++i) extra.emplace_back(::fcntl(0, F_DUPFD_CLOEXEC, 0));
+    pid_t child = -1;
+    if (c.childDescriptors != 0) ours = connectedChildHolding(c.childDescriptors, &child);
     std::string reason;
-    const LDAdmissionPolicy policy{.requireSecureExecution = false, .usePeerPidfd = c.usePeerPidfd};
+    const LDAdmissionPolicy policy{.requireSecureExecution = false, .usePeerPidfd = c.usePeerPidfd,
+                                   .maximumDescriptors = c.childDescriptors != 0 ? 8u : 1024u};
     const std::optional<LDPinnedPeer> peer = LDPinPeer(ours.fileDescriptor(), policy, &reason);
     ASSERT_TRUE(peer) << reason;
     EXPECT_EQ(peer->pidfdFromSocket, c.usePeerPidfd && kernelNamesPeer);
@@ -73,6 +102,8 @@ TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBef
                                LDTrustAnchors::compiledIn(), policy, &reason));
     const std::string expected = !kernelNamesPeer && c.reasonWithoutPeerPidfd ? c.reasonWithoutPeerPidfd : c.reason;
     EXPECT_EQ(reason.substr(0, expected.size()), expected) << reason;
+    ours.reset();
+    EXPECT_TRUE(child < 0 || ::waitpid(child, nullptr, 0) == child);
   }
 }
 
