@@ -128,9 +128,10 @@ long keepers() {
 
 // Sixteen peers frozen before the checks that wait on them end, hold every slot; each is dropped
 // at the inspection deadline and its keeper killed, so that the slots come back: peers behind
-// them are served, while those still verifying within the admission deadline keep theirs.
+// them are served, while those still verifying keep theirs until the admission deadline. A
+// destroyed listener leaves no keeper behind.
 TEST_F(ServiceListenerTest, StuckAdmissionsAreKilledAndTheirSlotsComeBack) {
-  listener->setTiming({.inspection = 50'000'000, .admission = 60'000'000'000});
+  listener->setTiming({.inspection = 50'000'000, .admission = 1'000'000'000});
   ASSERT_TRUE(listener->activate());
   std::vector<LDFileHandle> stuck, slow;
   for (int i = 0; i < 16; ++i) stuck.push_back(connect("stuck" + std::to_string(i)));
@@ -141,6 +142,11 @@ TEST_F(ServiceListenerTest, StuckAdmissionsAreKilledAndTheirSlotsComeBack) {
   EXPECT_TRUE(runUntil([&] { return all(stuck, "closed") && seen(served) == "hello" && keepers() == 5; }))
       << keepers() << " keepers left; only the slow ones' and the served one's should be";
   EXPECT_TRUE(all(slow, "nothing")) << "still within the admission deadline";
+  EXPECT_TRUE(runUntil([&] { return all(slow, "closed") && keepers() == 1; }));
+  char hello[64];
+  ASSERT_GT(::recv(served.fileDescriptor(), hello, sizeof hello, 0), 0);
+  listener.reset();
+  EXPECT_TRUE(runUntil([&] { return seen(served) == "closed"; }));
 }
 
 // The cap counts admitted connections, and a slot that comes back is used.
