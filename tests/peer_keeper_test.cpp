@@ -3,6 +3,7 @@
 // pin the monitor made.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -130,9 +131,9 @@ TEST(KeeperZygote, HandsEachKeeperThePinAsMade) {
       ASSERT_TRUE(keeper);
       LDKeeperReport seen{};
       bool ended = false;
-      for (int tries = 0; tries < 500 && !LDReceiveRecord(monitorEnd.fileDescriptor(), &seen, &ended) && !ended; ++tries) {
-        ::usleep(2000);
-      }
+      pollfd reported{monitorEnd.fileDescriptor(), POLLIN, 0};
+      EXPECT_EQ(::poll(&reported, 1, 5000), 1);
+      EXPECT_TRUE(LDReceiveRecord(monitorEnd.fileDescriptor(), &seen, &ended));
       EXPECT_EQ(seen.protocolVersion, 4242);
       EXPECT_EQ(seen.tokenLength, 1234u);
       EXPECT_EQ(seen.group, 5678u);

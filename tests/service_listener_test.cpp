@@ -2,6 +2,7 @@
 // a test must make them slow or fail.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -264,8 +265,9 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   static const LDServiceListener::Calls undying{::accept4, ::fork, ignoreKill};
   std::optional<int> terminated;
   listenAt("second.sock");
-  listener->setExamination([](int, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
-    ::usleep(500'000);  // ends by itself, long after the helper gave up on it
+  listener->setExamination([](int socket, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
+    pollfd told{socket, POLLIN, 0};  // ends by itself when its peer says so, long after the helper gave up on it
+    ::poll(&told, 1, 10'000);
     return std::optional<LDPeerVerdict>();
   });
   listener->setSystemCalls(undying);
@@ -276,8 +278,9 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   EXPECT_TRUE(runUntil([&] { return terminated.has_value(); }));
   EXPECT_EQ(terminated, 1);
   const LDFileHandle late = connect();
-  runUntil([] { return false; }, 600'000'000);
-  EXPECT_EQ(seen(undead), "closed");
+  ASSERT_EQ(::send(undead.fileDescriptor(), "x", 1, 0), 1);
+  EXPECT_TRUE(runUntil([&] { return seen(undead) == "closed"; }));
+  runUntil([] { return false; }, 100'000'000);
   EXPECT_EQ(seen(late), "nothing") << "no longer accepting";
 
   listenAt("third.sock");
