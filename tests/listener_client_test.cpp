@@ -47,9 +47,8 @@ bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
 
 // How the fake helper ends the exchange, or what the client is made to lack.
 enum class Fault {
-  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, closeDuringRequest, silent, malformed, busy,
-  portInUse, noHandles,
-  otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
+  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, closeDuringRequest, silent, malformed,
+  busy, portInUse, noHandles, otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
 };
 
 struct Case {
@@ -213,60 +212,45 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
 // message that a buffer of LD_ACQUIRE_MESSAGE_SIZE holds whole while a smaller one holds its start.
 TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
   const std::string none = "/nonexistent/helper.sock";
-  // The code, both places, and the gids after the call: the group is given up on every path.
-  auto call = [](const char* path, int* ipv4, int* ipv6, char* buffer, size_t size) {
-    const int code = ld_acquire_listeners(path, ipv4, ipv6, buffer, size);
+  // What a call with a whole buffer returns and says: the code, both places, the gids after it (the
+  // group is given up on every path) and the message.
+  auto said = [](const char* path, int* ipv4, int* ipv6) {
+    char message[LD_ACQUIRE_MESSAGE_SIZE];
+    const int code = ld_acquire_listeners(path, ipv4, ipv6, message, sizeof message);
     gid_t real = 1, effective = 1, saved = 1;
     ::getresgid(&real, &effective, &saved);
     return std::to_string(code) + " " + (ipv4 ? std::to_string(*ipv4) : "NULL") + " " + std::to_string(*ipv6) +
-           " gids " + std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
+           " gids " + std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved) + " " +
+           message;
   };
+  int ipv4 = 7, ipv6 = 7;  // each case runs in a child of its own
   const std::string longPath(10000, 'p');
   const std::vector<std::pair<std::function<std::string()>, std::string>> cases = {
       {[&] {
          const std::set<int> before = ldtest::openDescriptors();
-         int same = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         const std::string result = call(none.c_str(), &same, &same, message, sizeof message);
-         return result + (ldtest::openDescriptors() == before ? " nothing opened: " : " opened: ") + message;
+         const std::string result = said(none.c_str(), &ipv4, &ipv4);
+         return result + (ldtest::openDescriptors() == before ? " (nothing opened)" : " (opened)");
        },
-       "1 -1 -1 gids 0 0 0 nothing opened: ld_acquire_listeners: ipv4 and ipv6 must be two different places"},
-      {[&] {
-         int ipv6 = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         return call(none.c_str(), nullptr, &ipv6, message, sizeof message) + " " + message;
-       },
+       "1 -1 -1 gids 0 0 0 ld_acquire_listeners: ipv4 and ipv6 must be two different places (nothing opened)"},
+      {[&] { return said(none.c_str(), nullptr, &ipv6); },
        "1 NULL -1 gids 0 0 0 ld_acquire_listeners: ipv4 and ipv6 must not be NULL"},
-      {[&] {
-         int ipv4 = 7, ipv6 = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         call(none.c_str(), &ipv4, &ipv6, message, sizeof message);
-         return call(nullptr, &ipv4, &ipv6, message, sizeof message) + " " + message;
-       },
+      {[&] { said(none.c_str(), &ipv4, &ipv6); return said(nullptr, &ipv4, &ipv6); },
        "11 -1 -1 gids 0 0 0 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
       {[&] {
-         int ipv4 = 7, ipv6 = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         const std::string result = call(longPath.c_str(), &ipv4, &ipv6, message, sizeof message);
-         const std::string text = message;
-         return result + " " + std::to_string(text.size()) + " " + text.substr(0, 43) + text.substr(text.size() - 5);
+         const std::string text = said(longPath.c_str(), &ipv4, &ipv6);
+         return std::to_string(text.size()) + " " + text.substr(0, 62) + text.substr(text.size() - 5);
        },
-       "3 -1 -1 gids 0 0 0 4095 The helper's socket path is too long (10000pp..."},
-      {[&] {  // one byte more than sun_path holds with its NUL
-         int ipv4 = 7, ipv6 = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         return call(std::string(108, 'p').c_str(), &ipv4, &ipv6, message, sizeof message) + " " + message;
-       },
+       "4114 3 -1 -1 gids 0 0 0 The helper's socket path is too long (10000pp..."},  // 19 + 4095
+      // One byte more than sun_path holds with its NUL.
+      {[&] { return said(std::string(108, 'p').c_str(), &ipv4, &ipv6); },
        "3 -1 -1 gids 0 0 0 The helper's socket path is too long (108 bytes"},
       {[&] {
-         int ipv4 = 7, ipv6 = 7;
-         char full[LD_ACQUIRE_MESSAGE_SIZE];
-         call(none.c_str(), &ipv4, &ipv6, full, sizeof full);
+         said(none.c_str(), &ipv4, &ipv6);
          std::string seen;
-         for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, sizeof full}) {
+         for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, size_t{LD_ACQUIRE_MESSAGE_SIZE}}) {
            char buffer[LD_ACQUIRE_MESSAGE_SIZE + 1];
            std::memset(buffer, 'x', sizeof buffer);
-           call(none.c_str(), &ipv4, &ipv6, buffer, size);
+           ld_acquire_listeners(none.c_str(), &ipv4, &ipv6, buffer, size);
            seen += "[" + std::string(buffer, std::min(size, ::strnlen(buffer, sizeof buffer) + 1) + 1) + "]";
          }
          return seen;

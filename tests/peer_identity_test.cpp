@@ -35,33 +35,22 @@ bool kernelHasPeerPidfd() {
   return result == 0;
 }
 
-// A child that holds exactly `descriptors` descriptors, one of them its connection to the socket
+// A child that holds exactly `descriptors` descriptors, all copies of its connection to the socket
 // returned, and exits once that closes.
 LDFileHandle connectedChildHolding(int descriptors, pid_t* child) {
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "\0peer-identity-test"};
-  const auto length = static_cast<socklen_t>(sizeof(sa_family_t) + 1 + std::strlen(address.sun_path + 1));
+  const sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "\0peer-identity-test"};
+  const auto* name = reinterpret_cast<const sockaddr*>(&address);
+  constexpr socklen_t kLength = sizeof(sa_family_t) + sizeof "\0peer-identity-test" - 1;
   const LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  if (::bind(listening.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-      ::listen(listening.fileDescriptor(), 1) != 0 || (*child = ::fork()) < 0) {
-    return LDFileHandle();
-  }
-  if (*child == 0) {
-    constexpr int kConnection = 100;
-    const int connection = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    if (::connect(connection, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        ::dup2(connection, kConnection) != kConnection || ::close_range(0, kConnection - 1, 0) != 0 ||
-        ::close_range(kConnection + 1, ~0u, 0) != 0) {
-      ::_exit(1);
-    }
-    for (int i = 1; i < descriptors; ++i) (void)::dup(kConnection);
-    char ready = 0;
-    (void)::send(kConnection, &ready, 1, 0);
-    (void)::recv(kConnection, &ready, 1, 0);
+  EXPECT_EQ(::bind(listening.fileDescriptor(), name, kLength) | ::listen(listening.fileDescriptor(), 1), 0);
+  if ((*child = ::fork()) == 0) {  // its descriptors all in place before it connects
+    if (::dup2(::socket(AF_UNIX, SOCK_SEQPACKET, 0), 0) != 0 || ::close_range(1, ~0u, 0) != 0) ::_exit(1);
+    for (int i = 1; i < descriptors; ++i) (void)::dup(0);
+    char end = 0;
+    if (::connect(0, name, kLength) == 0) (void)::recv(0, &end, 1, 0);
     ::_exit(0);
   }
-  LDFileHandle accepted(::accept4(listening.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
-  char ready = 0;
-  return ::recv(accepted.fileDescriptor(), &ready, 1, 0) == 1 ? std::move(accepted) : LDFileHandle();
+  return LDFileHandle(::accept4(listening.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 // How far admission gets with this unsigned test program as the peer tells which check refused it.
