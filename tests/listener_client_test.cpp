@@ -97,12 +97,6 @@ struct Case {
 // Plays the helper's part on one connection up to the fault.
 void playHelper(int connection, Fault fault, pid_t client, const LDFileHandle& ipv4, const LDFileHandle& ipv6) {
   if (fault == Fault::closeBeforeHello) return;
-  if (fault == Fault::silent) {
-    pollfd given{connection, POLLIN, 0};  // until the client gives up and closes
-    ::poll(&given, 1, 5000);
-    return;
-  }
-  LDSendPacket(connection, LDEncodeMessage(LDHelloMessage{}), {}, false);
   LDReceivedPacket packet;
   auto receive = [&] {
     pollfd entry{connection, POLLIN, 0};
@@ -110,6 +104,8 @@ void playHelper(int connection, Fault fault, pid_t client, const LDFileHandle& i
     return ::poll(&entry, 1, 5000) == 1 &&
            LDReceivePacket(connection, 4096, &packet, &errorNumber) == LDReceiveResult::packet;
   };
+  if (fault == Fault::silent) return (void)receive();  // until the client gives up and closes
+  LDSendPacket(connection, LDEncodeMessage(LDHelloMessage{}), {}, false);
   receive();
   if (fault == Fault::closeDuringRequest) return;
   if (fault == Fault::malformed) {
@@ -224,7 +220,6 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
            message;
   };
   int ipv4 = 7, ipv6 = 7;  // each case runs in a child of its own
-  const std::string longPath(10000, 'p');
   const std::vector<std::pair<std::function<std::string()>, std::string>> cases = {
       {[&] {
          const std::set<int> before = ldtest::openDescriptors();
@@ -237,7 +232,7 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
       {[&] { said(none.c_str(), &ipv4, &ipv6); return said(nullptr, &ipv4, &ipv6); },
        "11 -1 -1 gids 0 0 0 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
       {[&] {
-         const std::string text = said(longPath.c_str(), &ipv4, &ipv6);
+         const std::string text = said(std::string(10000, 'p').c_str(), &ipv4, &ipv6);
          return std::to_string(text.size()) + " " + text.substr(0, 62) + text.substr(text.size() - 5);
        },
        "4114 3 -1 -1 gids 0 0 0 The helper's socket path is too long (10000pp..."},  // 19 + 4095

@@ -16,6 +16,7 @@
 
 #include "admission/peer_keeper.h"
 #include "support/descriptors.h"
+#include "support/test_pki.h"
 
 namespace {
 
@@ -142,6 +143,12 @@ TEST(KeeperZygote, HandsEachKeeperThePinAsMade) {
       EXPECT_EQ(::syscall(SYS_pidfd_send_signal, keeper->pidfd.fileDescriptor(), SIGKILL, nullptr, 0u), 0);
     }
   }
+  // Once gone, the zygote makes no keeper, and says that it makes no more.
+  ASSERT_EQ(::kill(std::stoi(ldtest::readFile("/proc/self/task/" + std::to_string(::getpid()) + "/children")), SIGKILL), 0);
+  LDKeeperStart start;
+  start.socket.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  start.channel.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  EXPECT_FALSE(zygote->spawn(start) || zygote->isAlive());
 }
 
 }  // namespace

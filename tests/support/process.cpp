@@ -102,8 +102,7 @@ int ChildProcess::wait(int milliseconds) {
   const LDFileHandle pidfd(static_cast<int>(::syscall(SYS_pidfd_open, _pid, 0u)));
   pollfd exited{pidfd.fileDescriptor(), POLLIN, 0};
   int status = 0;
-  if (milliseconds >= 0 && ::poll(&exited, 1, milliseconds) != 1) return -1;
-  if (::waitpid(_pid, &status, 0) != _pid) return -1;
+  if ((milliseconds >= 0 && ::poll(&exited, 1, milliseconds) != 1) || ::waitpid(_pid, &status, 0) != _pid) return -1;
   _reaped = true;
   _status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return _status;
