@@ -45,6 +45,13 @@ bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
   return false;
 }
 
+// " gids REAL EFFECTIVE SAVED" of this process.
+std::string gids() {
+  gid_t real = 1, effective = 1, saved = 1;
+  ::getresgid(&real, &effective, &saved);
+  return " gids " + std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
+}
+
 // How the fake helper ends the exchange, or what the client is made to lack.
 enum class Fault {
   none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, closeDuringRequest, silent, malformed,
@@ -84,12 +91,9 @@ struct Case {
                                             }},
                                            &error, &failure)
                             .has_value();
-  gid_t real = 1, effective = 1, saved = 1;
-  ::getresgid(&real, &effective, &saved);
   const std::string text = (acquired ? std::string("acquired") : error->description()) + "\n" +
-                           std::to_string(acquired ? 0 : static_cast<int>(failure)) + " gids " +
-                           std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved) +
-                           " diagnoses " + std::to_string(diagnoses);
+                           std::to_string(acquired ? 0 : static_cast<int>(failure)) + gids() + " diagnoses " +
+                           std::to_string(diagnoses);
   (void)!::write(report, text.data(), text.size());
   ::_exit(0);
 }
@@ -213,11 +217,8 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
   auto said = [](const char* path, int* ipv4, int* ipv6) {
     char message[LD_ACQUIRE_MESSAGE_SIZE];
     const int code = ld_acquire_listeners(path, ipv4, ipv6, message, sizeof message);
-    gid_t real = 1, effective = 1, saved = 1;
-    ::getresgid(&real, &effective, &saved);
-    return std::to_string(code) + " " + (ipv4 ? std::to_string(*ipv4) : "NULL") + " " + std::to_string(*ipv6) +
-           " gids " + std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved) + " " +
-           message;
+    return std::to_string(code) + " " + (ipv4 ? std::to_string(*ipv4) : "NULL") + " " + std::to_string(*ipv6) + gids() +
+           " " + message;
   };
   int ipv4 = 7, ipv6 = 7;  // each case runs in a child of its own
   const std::vector<std::pair<std::function<std::string()>, std::string>> cases = {

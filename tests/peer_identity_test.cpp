@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/dispatch.h"
 #include "admission/peer_identity.h"
@@ -53,42 +54,44 @@ LDFileHandle connectedChildHolding(int descriptors, pid_t* child) {
   return LDFileHandle(::accept4(listening.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
-// How far admission gets with this unsigned test program as the peer tells which check refused it.
-// Without SO_PEERPIDFD (Debian 12's 6.1) admission falls back to the pid and the start time, so a
-// clock read before the peer started refuses it there, where SO_PEERPIDFD needs no clock.
+// How far admission gets with a child of this unsigned test program as the peer tells which check
+// refused it. Without SO_PEERPIDFD (Debian 12's 6.1) admission falls back to the pid and the start
+// time, so a clock read before the peer started refuses it there, where SO_PEERPIDFD needs no clock.
 TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBeforeTheSignature) {
   const std::optional<LDRequirement> requirement = LDParseRequirement("identifier \"com.example.nobody\"");
   ASSERT_TRUE(requirement);
   const bool kernelNamesPeer = kernelHasPeerPidfd();
   struct Case {
     bool usePeerPidfd;
-    uint64_t acceptedAfter;
-    int childDescriptors;  // 0: the peer is this process, on a socket pair
+    bool clockReadAfterItStarted;  // else before: as if it started after the accept
+    int descriptors;               // the peer's; it is refused above 8
     const char* reason;
     const char* reasonWithoutPeerPidfd = nullptr;  // where the kernel lacks it, if that differs
+    bool goneOnceInspected = false;  // its pidfd's process gone, its /proc directory then another's
   } cases[] = {
-      {false, 0, 0, "the peer process could not be pinned down"},  // as if it started after the accept
-      {false, LDBootTimeTicks(), 0, "signature (OSStatus -67062)"},
-      {true, 0, 0, "signature (OSStatus -67062)",  // the kernel names the process; no clock needed
+      {false, false, 1, "the peer process could not be pinned down"},
+      {true, false, 1, "signature (OSStatus -67062)",  // the kernel names the process; no clock needed
        "the peer process could not be pinned down"},
-      // The cap is 8 here: at it, the peer goes on to its signature; one more and it is refused.
-      {false, ~uint64_t{0}, 8, "signature (OSStatus -67062)"},
-      {false, ~uint64_t{0}, 9, "the peer holds more descriptors than a client needs"},
+      {false, true, 8, "signature (OSStatus -67062)"},
+      {false, true, 9, "the peer holds more descriptors than a client needs"},
+      {false, true, 1, "the peer's executable cannot be found", nullptr, true},
   };
   for (const Case& c : cases) {
-    int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
-    LDFileHandle ours(pair[0]), theirs(pair[1]);
     pid_t child = -1;
-    if (c.childDescriptors != 0) ours = connectedChildHolding(c.childDescriptors, &child);
+    LDFileHandle ours = connectedChildHolding(c.descriptors, &child);
+    const uint64_t acceptedAfter = c.clockReadAfterItStarted ? LDBootTimeTicks() : 0;
     std::string reason;
-    const LDAdmissionPolicy policy{.requireSecureExecution = false, .usePeerPidfd = c.usePeerPidfd,
-                                   .maximumDescriptors = c.childDescriptors != 0 ? 8u : 1024u};
-    const std::optional<LDPinnedPeer> peer = LDPinPeer(ours.fileDescriptor(), policy, &reason);
+    const LDAdmissionPolicy policy{.requireSecureExecution = false, .usePeerPidfd = c.usePeerPidfd, .maximumDescriptors = 8};
+    std::optional<LDPinnedPeer> peer = LDPinPeer(ours.fileDescriptor(), policy, &reason);
     ASSERT_TRUE(peer) << reason;
     EXPECT_EQ(peer->pidfdFromSocket, c.usePeerPidfd && kernelNamesPeer);
-    EXPECT_FALSE(LDExaminePeer(ours.fileDescriptor(), *peer, c.acceptedAfter, *requirement,
-                               LDTrustAnchors::compiledIn(), policy, &reason));
+    if (c.goneOnceInspected) {  // the number taken by this process, as if reused
+      peer->processDirectory.reset(::open("/proc/self", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      ours.reset();
+      ::waitpid(std::exchange(child, -1), nullptr, 0);
+    }
+    EXPECT_FALSE(LDExaminePeer(ours.fileDescriptor(), *peer, acceptedAfter, *requirement, LDTrustAnchors::compiledIn(),
+                               policy, &reason));
     const std::string expected = !kernelNamesPeer && c.reasonWithoutPeerPidfd ? c.reasonWithoutPeerPidfd : c.reason;
     EXPECT_EQ(reason.substr(0, expected.size()), expected) << reason;
     ours.reset();
