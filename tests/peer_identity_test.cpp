@@ -67,7 +67,7 @@ TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBef
     int descriptors;               // the peer's; it is refused above 8
     const char* reason;
     const char* reasonWithoutPeerPidfd = nullptr;  // where the kernel lacks it, if that differs
-    bool goneOnceInspected = false;  // its pidfd's process gone, its /proc directory then another's
+    bool numberReused = false;  // its pidfd's process gone, its number (and /proc directory) another's
   } cases[] = {
       {false, false, 1, "the peer process could not be pinned down"},
       {true, false, 1, "signature (OSStatus -67062)",  // the kernel names the process; no clock needed
@@ -85,7 +85,7 @@ TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBef
     std::optional<LDPinnedPeer> peer = LDPinPeer(ours.fileDescriptor(), policy, &reason);
     ASSERT_TRUE(peer) << reason;
     EXPECT_EQ(peer->pidfdFromSocket, c.usePeerPidfd && kernelNamesPeer);
-    if (c.goneOnceInspected) {  // the number taken by this process, as if reused
+    if (c.numberReused) {  // here by this process
       peer->processDirectory.reset(::open("/proc/self", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
       ours.reset();
       ::waitpid(std::exchange(child, -1), nullptr, 0);

@@ -39,10 +39,11 @@ class Silent final : public LDListenerHandoff {
 class Greeter final : public LDServiceListenerDelegate {
  public:
   bool listener(LDServiceListener&, LDKeptConnection& connection) override {
-    connection.setExportedObject(std::make_shared<Silent>());
+    connection.setExportedObject(exported);
     connection.activate();  // sends Hello
     return true;
   }
+  std::shared_ptr<LDListenerHandoff> exported = std::make_shared<Silent>();  // none: nothing serves its calls
 };
 
 // What a client sees now: "hello" (a packet), "closed" (end of stream) or "nothing".
@@ -165,18 +166,21 @@ TEST_F(ServiceListenerTest, ServesSixteenAtOnceAndTheSeventeenthWhenOneCloses) {
 }
 
 // An admitted connection ends when its time is up, however busy it keeps itself: a message and its
-// check do not buy it more.
-TEST_F(ServiceListenerTest, AConnectionEndsWhenItsTimeIsUp) {
+// check do not buy it more. One whose calls nothing can serve ends at its first.
+TEST_F(ServiceListenerTest, AConnectionEndsWhenItsTimeIsUpOrItsCallCannotBeServed) {
   listener->setTiming({.connection = 300'000'000});
   ASSERT_TRUE(listener->activate());
-  const LDFileHandle client = connect();
-  ASSERT_TRUE(runUntil([&] { return seen(client) == "hello"; }));
-  char hello[64];
-  ASSERT_GT(::recv(client.fileDescriptor(), hello, sizeof hello, 0), 0);
-  ASSERT_EQ(LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDRequestMessage{1}), {}, false), 0);
-  runUntil([] { return false; }, 150'000'000);
-  EXPECT_EQ(seen(client), "nothing") << "still within its time, its request unanswered";
-  EXPECT_TRUE(runUntil([&] { return seen(client) == "closed"; }, 1'000'000'000));
+  for (const bool served : {true, false}) {
+    const LDFileHandle client = connect();
+    ASSERT_TRUE(runUntil([&] { return seen(client) == "hello"; }));
+    char hello[64];
+    ASSERT_GT(::recv(client.fileDescriptor(), hello, sizeof hello, 0), 0);
+    ASSERT_EQ(LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDRequestMessage{1}), {}, false), 0);
+    runUntil([] { return false; }, 150'000'000);
+    EXPECT_EQ(seen(client), served ? "nothing" : "closed") << "within its time, its request unanswered";
+    EXPECT_TRUE(runUntil([&] { return seen(client) == "closed"; }, 1'000'000'000));
+    greeter.exported.reset();
+  }
 }
 
 // Peers gone before they could be pinned are refused by keepers like any other, however many:

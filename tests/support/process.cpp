@@ -104,8 +104,7 @@ int ChildProcess::wait(int milliseconds) {
   int status = 0;
   if ((milliseconds >= 0 && ::poll(&exited, 1, milliseconds) != 1) || ::waitpid(_pid, &status, 0) != _pid) return -1;
   _reaped = true;
-  _status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return _status;
+  return _status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 ProcessResult ChildProcess::finish() {
