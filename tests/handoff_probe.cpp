@@ -140,9 +140,11 @@ std::string steal(pid_t target) {
   return stolen > 0 ? "stolen " + std::to_string(stolen) : denied ? "refused" : "nothing to take";
 }
 
-// Gives up the application's group in the saved or in the file-system gid only.
+// Gives up the application's group in the saved or in the file-system gid only, or takes it as the
+// real gid too.
 bool dropGroup(const std::string& mode) {
   const gid_t real = ::getgid();
+  if (mode.find("real") != std::string::npos) return ::setresgid(::getegid(), -1u, -1u) == 0;
   if (mode.find("saved") != std::string::npos) return ::setresgid(-1u, -1u, real) == 0;
   ::setfsgid(real);
   return ::setfsgid(-1u) == static_cast<int>(real);  // an invalid id only reports the current one

@@ -121,6 +121,7 @@ TEST(HelperConnection, AReplyThatCannotLeaveEndsOnlyThroughTheFallbackTimer) {
     Connection connection(harness.service, true);
     connection.helper->activate();
     connection.send(LDRequestMessage{2});  // answered "Unsupported protocol version", then exit 1
+    connection.turnOnce();                 // the reply waits for room
     char byte;
     while (clientReads && ::recv(connection.client.fileDescriptor(), &byte, 1, MSG_DONTWAIT) == 1) {
     }

@@ -177,6 +177,8 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
   ldtest::writeFile(tampered, bytes, 02755);
   const std::string writable = installSignedProbe("writable");
   ::chmod(writable.c_str(), 02775);
+  const std::string notSetGroupId = installSignedProbe("not-set-group-id");
+  EXPECT_EQ(::chmod(notSetGroupId.c_str(), 0755), 0);  // its group's, and that group may run it
   const std::string notRoots = installSignedProbe("not-roots");
   EXPECT_EQ(::chown(notRoots.c_str(), kNobody, ldtest::applicationGroup()), 0);
   EXPECT_EQ(::chmod(notRoots.c_str(), 02755), 0);
@@ -210,6 +212,8 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
       {"writable by its group", ask({}, writable)},
       {"not owned by root", ask({}, notRoots)},
       {"signed, installed without set-group-ID", ask({}, plainProbe)},
+      {"its group's without set-group-ID, run by root with that effective gid",
+       ask({"/usr/bin/setpriv", "--egid=" + group, "--clear-groups"}, notSetGroupId), "closed\n", -1},
       {"preloaded into a plain install", ask({"/usr/bin/env", "LD_PRELOAD=" + libc}, plainProbe)},
       {"set-group-ID under no-new-privs", ask({"/usr/bin/setpriv", "--no-new-privs"}, probe)},
       {"in a user namespace of its own", ask({"/usr/bin/unshare", "-Ur"}, probe)},
@@ -228,6 +232,7 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
       {"gives up only its file-system group", {probe, "drop-fs-group-first", socket}},
       {"gives up only its saved group after Hello", {probe, "drop-saved-group", socket}, "hello\nclosed\n"},
       {"gives up only its file-system group after Hello", {probe, "drop-fs-group", socket}, "hello\nclosed\n"},
+      {"takes its group as its real group after Hello", {probe, "drop-real-group", socket}, "hello\nclosed\n"},
       {"execs another program after Hello", {probe, "exec-after-hello", socket, unsignedProbe}, "hello\nclosed\n"},
       // The child's request is refused, then so is the parent.
       {"request from a forked unsigned child", {probe, "forked-sender", socket, unsignedProbe}, "hello\nclosed\nclosed\n"},

@@ -45,10 +45,17 @@ bool holdsAny(pid_t pid, const std::vector<ino_t>& sockets) {
   return false;
 }
 
+// " gids REAL EFFECTIVE SAVED" of this process.
+std::string gids() {
+  gid_t real = 1, effective = 1, saved = 1;
+  ::getresgid(&real, &effective, &saved);
+  return " gids " + std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved);
+}
+
 // How the fake helper ends the exchange, or what the client is made to lack.
 enum class Fault {
-  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, silent, malformed, busy, portInUse, noHandles,
-  otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
+  none, notSetGroupId, noSocket, staleSocket, permissionDenied, closeBeforeHello, closeDuringRequest, silent, malformed,
+  busy, portInUse, noHandles, otherNamespace, swapped, tooManyFiles, acknowledgementRejected,
 };
 
 struct Case {
@@ -76,7 +83,7 @@ struct Case {
   LDClientFailure failure{};
   int diagnoses = 0;  // the diagnosis reads and hashes the whole executable: only after a refusal
   const bool acquired = LDAcquireListeners({.socketPath = fault == Fault::noSocket ? path + ".none" : path,
-                                            .activationTimeout = 1,
+                                            .activationTimeout = fault == Fault::silent ? 0.05 : 5,
                                             .requireSecureExecution = fault == Fault::notSetGroupId,
                                             .diagnoseRefusal = [&](const std::string& socket) {
                                               ++diagnoses;
@@ -84,12 +91,9 @@ struct Case {
                                             }},
                                            &error, &failure)
                             .has_value();
-  gid_t real = 1, effective = 1, saved = 1;
-  ::getresgid(&real, &effective, &saved);
   const std::string text = (acquired ? std::string("acquired") : error->description()) + "\n" +
-                           std::to_string(acquired ? 0 : static_cast<int>(failure)) + " gids " +
-                           std::to_string(real) + " " + std::to_string(effective) + " " + std::to_string(saved) +
-                           " diagnoses " + std::to_string(diagnoses);
+                           std::to_string(acquired ? 0 : static_cast<int>(failure)) + gids() + " diagnoses " +
+                           std::to_string(diagnoses);
   (void)!::write(report, text.data(), text.size());
   ::_exit(0);
 }
@@ -97,11 +101,6 @@ struct Case {
 // Plays the helper's part on one connection up to the fault.
 void playHelper(int connection, Fault fault, pid_t client, const LDFileHandle& ipv4, const LDFileHandle& ipv6) {
   if (fault == Fault::closeBeforeHello) return;
-  if (fault == Fault::silent) {
-    ::usleep(1'200'000);
-    return;
-  }
-  LDSendPacket(connection, LDEncodeMessage(LDHelloMessage{}), {}, false);
   LDReceivedPacket packet;
   auto receive = [&] {
     pollfd entry{connection, POLLIN, 0};
@@ -109,7 +108,10 @@ void playHelper(int connection, Fault fault, pid_t client, const LDFileHandle& i
     return ::poll(&entry, 1, 5000) == 1 &&
            LDReceivePacket(connection, 4096, &packet, &errorNumber) == LDReceiveResult::packet;
   };
+  if (fault == Fault::silent) return (void)receive();  // until the client gives up and closes
+  LDSendPacket(connection, LDEncodeMessage(LDHelloMessage{}), {}, false);
   receive();
+  if (fault == Fault::closeDuringRequest) return;
   if (fault == Fault::malformed) {
     LDSendPacket(connection, "QLD1 and then nonsense", {}, false);
     return;
@@ -152,6 +154,8 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
       {Fault::permissionDenied, "sock (permission denied): the socket must be writable by everyone",
        LDClientFailure::noHelper},
       {Fault::closeBeforeHello, "diagnosed /tmp/", LDClientFailure::refused},
+      // Admitted, so not a refusal of what this program is: no diagnosis.
+      {Fault::closeDuringRequest, "The helper closed the connection while waiting for the listeners."},
       {Fault::silent, "The helper did not answer in time while waiting to be admitted", LDClientFailure::timedOut},
       {Fault::malformed, "The helper sent a malformed message while waiting for the listeners"},
       {Fault::busy, "Another program is taking the listeners from the helper right now (refused)",
@@ -203,48 +207,46 @@ TEST(Client, ExplainsEveryFailureAndGivesItsGroupUpOnEveryPath) {
 }
 
 // What a C caller sees, each case in a process of its own (one call per process): arguments it
-// cannot serve refused before anything is asked or opened, a second call told apart, and a
+// cannot serve refused before anything is asked or opened, the group given up all the same, a
+// second call told apart, and a
 // message that a buffer of LD_ACQUIRE_MESSAGE_SIZE holds whole while a smaller one holds its start.
 TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
   const std::string none = "/nonexistent/helper.sock";
-  auto call = [](const char* path, int* ipv4, int* ipv6, char* buffer, size_t size) {
-    const int code = ld_acquire_listeners(path, ipv4, ipv6, buffer, size);
-    return std::to_string(code) + " " + std::to_string(*ipv4) + " " + std::to_string(*ipv6);
+  // What a call with a whole buffer returns and says: the code, both places, the gids after it (the
+  // group is given up on every path) and the message.
+  auto said = [](const char* path, int* ipv4, int* ipv6) {
+    char message[LD_ACQUIRE_MESSAGE_SIZE];
+    const int code = ld_acquire_listeners(path, ipv4, ipv6, message, sizeof message);
+    return std::to_string(code) + " " + (ipv4 ? std::to_string(*ipv4) : "NULL") + " " + std::to_string(*ipv6) + gids() +
+           " " + message;
   };
-  const std::string longPath(10000, 'p');
+  int ipv4 = 7, ipv6 = 7;  // each case runs in a child of its own
   const std::vector<std::pair<std::function<std::string()>, std::string>> cases = {
       {[&] {
          const std::set<int> before = ldtest::openDescriptors();
-         int same = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         const std::string result = call(none.c_str(), &same, &same, message, sizeof message);
-         return result + (ldtest::openDescriptors() == before ? " nothing opened: " : " opened: ") + message;
+         const std::string result = said(none.c_str(), &ipv4, &ipv4);
+         return result + (ldtest::openDescriptors() == before ? " (nothing opened)" : " (opened)");
        },
-       "1 -1 -1 nothing opened: ld_acquire_listeners: ipv4 and ipv6 must be two different places"},
+       "1 -1 -1 gids 0 0 0 ld_acquire_listeners: ipv4 and ipv6 must be two different places (nothing opened)"},
+      {[&] { return said(none.c_str(), nullptr, &ipv6); },
+       "1 NULL -1 gids 0 0 0 ld_acquire_listeners: ipv4 and ipv6 must not be NULL"},
+      {[&] { said(none.c_str(), &ipv4, &ipv6); return said(nullptr, &ipv4, &ipv6); },
+       "11 -1 -1 gids 0 0 0 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
       {[&] {
-         int ipv4 = 7, ipv6 = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         call(none.c_str(), &ipv4, &ipv6, message, sizeof message);
-         return call(nullptr, &ipv4, &ipv6, message, sizeof message) + " " + message;
+         const std::string text = said(std::string(10000, 'p').c_str(), &ipv4, &ipv6);
+         return std::to_string(text.size()) + " " + text.substr(0, 62) + text.substr(text.size() - 5);
        },
-       "11 -1 -1 ld_acquire_listeners was called before in this process, which gave its set-group-ID group up"},
+       "4114 3 -1 -1 gids 0 0 0 The helper's socket path is too long (10000pp..."},  // 19 + 4095
+      // One byte more than sun_path holds with its NUL.
+      {[&] { return said(std::string(108, 'p').c_str(), &ipv4, &ipv6); },
+       "3 -1 -1 gids 0 0 0 The helper's socket path is too long (108 bytes"},
       {[&] {
-         int ipv4 = 7, ipv6 = 7;
-         char message[LD_ACQUIRE_MESSAGE_SIZE];
-         const std::string result = call(longPath.c_str(), &ipv4, &ipv6, message, sizeof message);
-         const std::string text = message;
-         return result + " " + std::to_string(text.size()) + " " + text.substr(0, 43) + text.substr(text.size() - 5);
-       },
-       "3 -1 -1 4095 The helper's socket path is too long (10000pp..."},
-      {[&] {
-         int ipv4 = 7, ipv6 = 7;
-         char full[LD_ACQUIRE_MESSAGE_SIZE];
-         call(none.c_str(), &ipv4, &ipv6, full, sizeof full);
+         said(none.c_str(), &ipv4, &ipv6);
          std::string seen;
-         for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, sizeof full}) {
+         for (const size_t size : {size_t{0}, size_t{1}, size_t{16}, size_t{LD_ACQUIRE_MESSAGE_SIZE}}) {
            char buffer[LD_ACQUIRE_MESSAGE_SIZE + 1];
            std::memset(buffer, 'x', sizeof buffer);
-           call(none.c_str(), &ipv4, &ipv6, buffer, size);
+           ld_acquire_listeners(none.c_str(), &ipv4, &ipv6, buffer, size);
            seen += "[" + std::string(buffer, std::min(size, ::strnlen(buffer, sizeof buffer) + 1) + 1) + "]";
          }
          return seen;
@@ -257,6 +259,7 @@ TEST(Client, CInterfaceAnswersEachCallerMistakeInAnyBuffer) {
     ASSERT_EQ(::pipe2(report, O_CLOEXEC), 0);
     const pid_t child = ::fork();
     if (child == 0) {
+      if (::setresgid(0, 4242, 4242) != 0) ::_exit(2);  // as installed set-group-ID
       const std::string text = run();
       (void)!::write(report[1], text.data(), text.size());
       ::_exit(0);

@@ -1,17 +1,17 @@
 // Admission's pinning of the peer process, on a socketpair whose peer is this very process.
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
+#include <utility>
 
 #include "platform/dispatch.h"
 #include "admission/peer_identity.h"
@@ -36,43 +36,66 @@ bool kernelHasPeerPidfd() {
   return result == 0;
 }
 
-// How far admission gets with this unsigned test program as the peer tells which check refused it.
-// Without SO_PEERPIDFD (Debian 12's 6.1) admission falls back to the pid and the start time, so a
-// clock read before the peer started refuses it there, where SO_PEERPIDFD needs no clock.
+// A child that holds exactly `descriptors` descriptors, all copies of its connection to the socket
+// returned, and exits once that closes.
+LDFileHandle connectedChildHolding(int descriptors, pid_t* child) {
+  const sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "\0peer-identity-test"};
+  const auto* name = reinterpret_cast<const sockaddr*>(&address);
+  constexpr socklen_t kLength = sizeof(sa_family_t) + sizeof "\0peer-identity-test" - 1;
+  const LDFileHandle listening(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(::bind(listening.fileDescriptor(), name, kLength) | ::listen(listening.fileDescriptor(), 1), 0);
+  if ((*child = ::fork()) == 0) {  // its descriptors all in place before it connects
+    if (::dup2(::socket(AF_UNIX, SOCK_SEQPACKET, 0), 0) != 0 || ::close_range(1, ~0u, 0) != 0) ::_exit(1);
+    for (int i = 1; i < descriptors; ++i) (void)::dup(0);
+    char end = 0;
+    if (::connect(0, name, kLength) == 0) (void)::recv(0, &end, 1, 0);
+    ::_exit(0);
+  }
+  return LDFileHandle(::accept4(listening.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC));
+}
+
+// How far admission gets with a child of this unsigned test program as the peer tells which check
+// refused it. Without SO_PEERPIDFD (Debian 12's 6.1) admission falls back to the pid and the start
+// time, so a clock read before the peer started refuses it there, where SO_PEERPIDFD needs no clock.
 TEST(PeerIdentity, PinsOnlyAProcessStartedBeforeTheAcceptAndCountsDescriptorsBeforeTheSignature) {
   const std::optional<LDRequirement> requirement = LDParseRequirement("identifier \"com.example.nobody\"");
   ASSERT_TRUE(requirement);
   const bool kernelNamesPeer = kernelHasPeerPidfd();
   struct Case {
     bool usePeerPidfd;
-    uint64_t acceptedAfter;
-    int extraDescriptors;
+    bool clockReadAfterItStarted;  // else before: as if it started after the accept
+    int descriptors;               // the peer's; it is refused above 8
     const char* reason;
     const char* reasonWithoutPeerPidfd = nullptr;  // where the kernel lacks it, if that differs
+    bool numberReused = false;  // its pidfd's process gone, its number (and /proc directory) another's
   } cases[] = {
-      {false, 0, 0, "the peer process could not be pinned down"},  // as if it started after the accept
-      {false, LDBootTimeTicks(), 0, "signature (OSStatus -67062)"},
-      {true, 0, 0, "signature (OSStatus -67062)",  // the kernel names the process; no clock needed
+      {false, false, 1, "the peer process could not be pinned down"},
+      {true, false, 1, "signature (OSStatus -67062)",  // the kernel names the process; no clock needed
        "the peer process could not be pinned down"},
-      {true, LDBootTimeTicks(), 1100, "the peer holds more descriptors than a client needs"},
+      {false, true, 8, "signature (OSStatus -67062)"},
+      {false, true, 9, "the peer holds more descriptors than a client needs"},
+      {false, true, 1, "the peer's executable cannot be found", nullptr, true},
   };
-  rlimit limit{4096, 4096};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
   for (const Case& c : cases) {
-    int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
-    LDFileHandle ours(pair[0]), theirs(pair[1]);
-    std::vector<LDFileHandle> extra;
-    for (int i = 0; i < c.extraDescriptors; ++i) extra.emplace_back(::fcntl(0, F_DUPFD_CLOEXEC, 0));
+    pid_t child = -1;
+    LDFileHandle ours = connectedChildHolding(c.descriptors, &child);
+    const uint64_t acceptedAfter = c.clockReadAfterItStarted ? LDBootTimeTicks() : 0;
     std::string reason;
-    const LDAdmissionPolicy policy{.requireSecureExecution = false, .usePeerPidfd = c.usePeerPidfd};
-    const std::optional<LDPinnedPeer> peer = LDPinPeer(ours.fileDescriptor(), policy, &reason);
+    const LDAdmissionPolicy policy{.requireSecureExecution = false, .usePeerPidfd = c.usePeerPidfd, .maximumDescriptors = 8};
+    std::optional<LDPinnedPeer> peer = LDPinPeer(ours.fileDescriptor(), policy, &reason);
     ASSERT_TRUE(peer) << reason;
     EXPECT_EQ(peer->pidfdFromSocket, c.usePeerPidfd && kernelNamesPeer);
-    EXPECT_FALSE(LDExaminePeer(ours.fileDescriptor(), *peer, c.acceptedAfter, *requirement,
-                               LDTrustAnchors::compiledIn(), policy, &reason));
+    if (c.numberReused) {  // here by this process
+      peer->processDirectory.reset(::open("/proc/self", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      ours.reset();
+      ::waitpid(std::exchange(child, -1), nullptr, 0);
+    }
+    EXPECT_FALSE(LDExaminePeer(ours.fileDescriptor(), *peer, acceptedAfter, *requirement, LDTrustAnchors::compiledIn(),
+                               policy, &reason));
     const std::string expected = !kernelNamesPeer && c.reasonWithoutPeerPidfd ? c.reasonWithoutPeerPidfd : c.reason;
     EXPECT_EQ(reason.substr(0, expected.size()), expected) << reason;
+    ours.reset();
+    EXPECT_TRUE(child < 0 || ::waitpid(child, nullptr, 0) == child);
   }
 }
 

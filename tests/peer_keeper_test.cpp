@@ -3,6 +3,7 @@
 // pin the monitor made.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -15,6 +16,7 @@
 
 #include "admission/peer_keeper.h"
 #include "support/descriptors.h"
+#include "support/test_pki.h"
 
 namespace {
 
@@ -130,9 +132,9 @@ TEST(KeeperZygote, HandsEachKeeperThePinAsMade) {
       ASSERT_TRUE(keeper);
       LDKeeperReport seen{};
       bool ended = false;
-      for (int tries = 0; tries < 500 && !LDReceiveRecord(monitorEnd.fileDescriptor(), &seen, &ended) && !ended; ++tries) {
-        ::usleep(2000);
-      }
+      pollfd reported{monitorEnd.fileDescriptor(), POLLIN, 0};
+      ::poll(&reported, 1, 5000);
+      EXPECT_TRUE(LDReceiveRecord(monitorEnd.fileDescriptor(), &seen, &ended));
       EXPECT_EQ(seen.protocolVersion, 4242);
       EXPECT_EQ(seen.tokenLength, 1234u);
       EXPECT_EQ(seen.group, 5678u);
@@ -141,6 +143,12 @@ TEST(KeeperZygote, HandsEachKeeperThePinAsMade) {
       EXPECT_EQ(::syscall(SYS_pidfd_send_signal, keeper->pidfd.fileDescriptor(), SIGKILL, nullptr, 0u), 0);
     }
   }
+  // Once gone, the zygote makes no keeper, and says that it makes no more.
+  ASSERT_EQ(::kill(std::stoi(ldtest::readFile("/proc/self/task/" + std::to_string(::getpid()) + "/children")), SIGKILL), 0);
+  LDKeeperStart start;
+  start.socket.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  start.channel.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  EXPECT_FALSE(zygote->spawn(start) || zygote->isAlive());
 }
 
 }  // namespace

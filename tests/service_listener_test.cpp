@@ -2,6 +2,7 @@
 // a test must make them slow or fail.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -38,10 +39,11 @@ class Silent final : public LDListenerHandoff {
 class Greeter final : public LDServiceListenerDelegate {
  public:
   bool listener(LDServiceListener&, LDKeptConnection& connection) override {
-    connection.setExportedObject(std::make_shared<Silent>());
+    connection.setExportedObject(exported);
     connection.activate();  // sends Hello
     return true;
   }
+  std::shared_ptr<LDListenerHandoff> exported = std::make_shared<Silent>();  // none: nothing serves its calls
 };
 
 // What a client sees now: "hello" (a packet), "closed" (end of stream) or "nothing".
@@ -128,9 +130,10 @@ long keepers() {
 
 // Sixteen peers frozen before the checks that wait on them end, hold every slot; each is dropped
 // at the inspection deadline and its keeper killed, so that the slots come back: peers behind
-// them are served, while those still verifying within the admission deadline keep theirs.
+// them are served, while those still verifying keep theirs until the admission deadline. A
+// destroyed listener leaves no keeper behind.
 TEST_F(ServiceListenerTest, StuckAdmissionsAreKilledAndTheirSlotsComeBack) {
-  listener->setTiming({.inspection = 50'000'000, .admission = 60'000'000'000});
+  listener->setTiming({.inspection = 50'000'000, .admission = 1'000'000'000});
   ASSERT_TRUE(listener->activate());
   std::vector<LDFileHandle> stuck, slow;
   for (int i = 0; i < 16; ++i) stuck.push_back(connect("stuck" + std::to_string(i)));
@@ -141,6 +144,11 @@ TEST_F(ServiceListenerTest, StuckAdmissionsAreKilledAndTheirSlotsComeBack) {
   EXPECT_TRUE(runUntil([&] { return all(stuck, "closed") && seen(served) == "hello" && keepers() == 5; }))
       << keepers() << " keepers left; only the slow ones' and the served one's should be";
   EXPECT_TRUE(all(slow, "nothing")) << "still within the admission deadline";
+  EXPECT_TRUE(runUntil([&] { return all(slow, "closed") && keepers() == 1; }));
+  char hello[64];
+  ASSERT_GT(::recv(served.fileDescriptor(), hello, sizeof hello, 0), 0);
+  listener.reset();
+  EXPECT_TRUE(runUntil([&] { return seen(served) == "closed"; }));
 }
 
 // The cap counts admitted connections, and a slot that comes back is used.
@@ -158,18 +166,21 @@ TEST_F(ServiceListenerTest, ServesSixteenAtOnceAndTheSeventeenthWhenOneCloses) {
 }
 
 // An admitted connection ends when its time is up, however busy it keeps itself: a message and its
-// check do not buy it more.
-TEST_F(ServiceListenerTest, AConnectionEndsWhenItsTimeIsUp) {
+// check do not buy it more. One whose calls nothing can serve ends at its first.
+TEST_F(ServiceListenerTest, AConnectionEndsWhenItsTimeIsUpOrItsCallCannotBeServed) {
   listener->setTiming({.connection = 300'000'000});
   ASSERT_TRUE(listener->activate());
-  const LDFileHandle client = connect();
-  ASSERT_TRUE(runUntil([&] { return seen(client) == "hello"; }));
-  char hello[64];
-  ASSERT_GT(::recv(client.fileDescriptor(), hello, sizeof hello, 0), 0);
-  ASSERT_EQ(LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDRequestMessage{1}), {}, false), 0);
-  runUntil([] { return false; }, 150'000'000);
-  EXPECT_EQ(seen(client), "nothing") << "still within its time, its request unanswered";
-  EXPECT_TRUE(runUntil([&] { return seen(client) == "closed"; }, 1'000'000'000));
+  for (const bool served : {true, false}) {
+    const LDFileHandle client = connect();
+    ASSERT_TRUE(runUntil([&] { return seen(client) == "hello"; }));
+    char hello[64];
+    ASSERT_GT(::recv(client.fileDescriptor(), hello, sizeof hello, 0), 0);
+    ASSERT_EQ(LDSendPacket(client.fileDescriptor(), LDEncodeMessage(LDRequestMessage{1}), {}, false), 0);
+    runUntil([] { return false; }, 150'000'000);
+    EXPECT_EQ(seen(client), served ? "nothing" : "closed") << "within its time, its request unanswered";
+    EXPECT_TRUE(runUntil([&] { return seen(client) == "closed"; }, 1'000'000'000));
+    greeter.exported.reset();
+  }
 }
 
 // Peers gone before they could be pinned are refused by keepers like any other, however many:
@@ -258,8 +269,9 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   static const LDServiceListener::Calls undying{::accept4, ::fork, ignoreKill};
   std::optional<int> terminated;
   listenAt("second.sock");
-  listener->setExamination([](int, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
-    ::usleep(500'000);  // ends by itself, long after the helper gave up on it
+  listener->setExamination([](int socket, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
+    pollfd told{socket, POLLIN, 0};  // ends by itself when its peer says so, long after the helper gave up on it
+    ::poll(&told, 1, 10'000);
     return std::optional<LDPeerVerdict>();
   });
   listener->setSystemCalls(undying);
@@ -270,8 +282,9 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   EXPECT_TRUE(runUntil([&] { return terminated.has_value(); }));
   EXPECT_EQ(terminated, 1);
   const LDFileHandle late = connect();
-  runUntil([] { return false; }, 600'000'000);
-  EXPECT_EQ(seen(undead), "closed");
+  ASSERT_EQ(::send(undead.fileDescriptor(), "x", 1, 0), 1);
+  EXPECT_TRUE(runUntil([&] { return seen(undead) == "closed"; }));
+  runUntil([] { return false; }, 100'000'000);
   EXPECT_EQ(seen(late), "nothing") << "no longer accepting";
 
   listenAt("third.sock");

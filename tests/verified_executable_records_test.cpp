@@ -76,6 +76,7 @@ void plantOldRecords(const World& world, size_t count) {
     const timespec longAgo[2] = {{1000, 0}, {static_cast<time_t>(1000 + i), 0}};
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), longAgo, 0), 0);
   }
+  ldtest::writeFile(world.records + "/" + std::string(64, 'x'), "not a record: never counted, never removed", 0600);
 }
 
 TEST(VerifiedExecutableRecords, StandInOnlyForTheSameVersionVerifiedTheSameWay) {
@@ -115,6 +116,8 @@ TEST(VerifiedExecutableRecords, StandInOnlyForTheSameVersionVerifiedTheSameWay) 
       {"a record not root's", {},
        [&](World& w) { onlyRecord(w, [](const std::string& p) { ASSERT_EQ(::chown(p.c_str(), 65534, 0), 0); }); }, 0,
        false, 1},
+      {"a record its group may read", {},
+       [&](World& w) { onlyRecord(w, [](const std::string& p) { ASSERT_EQ(::chmod(p.c_str(), 0640), 0); }); }, 0, false, 1},
       {"a directory others may enter", {}, [](World& w) { ::chmod(w.records.c_str(), 0755); }, 0, false, 1},
       {"a read-only directory",
        [](World& w) { ASSERT_EQ(::mount("tmpfs", w.records.c_str(), "tmpfs", MS_RDONLY, "mode=0700"), 0); }, {}, 0,
@@ -127,8 +130,10 @@ TEST(VerifiedExecutableRecords, StandInOnlyForTheSameVersionVerifiedTheSameWay) 
          ASSERT_EQ(::utimensat(AT_FDCWD, w.app.c_str(), longAgo, 0), 0);
        },
        {}, 0, false, 0},
-      {"a full directory", [](World& w) { plantOldRecords(w, LDVerifiedExecutableRecords::kMaximumRecords); }, {}, 0,
-       true, LDVerifiedExecutableRecords::kMaximumRecords},
+      {"a full directory: the oldest gives way",
+       [](World& w) { plantOldRecords(w, LDVerifiedExecutableRecords::kMaximumRecords); },
+       [](World& w) { EXPECT_NE(::access((w.records + "/" + std::string(64, '0')).c_str(), F_OK), 0); },
+       0, true, LDVerifiedExecutableRecords::kMaximumRecords + 1},
   };
   const std::set<int> descriptors = ldtest::openDescriptors();
   for (const Case& c : cases) {

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -97,17 +98,13 @@ void ChildProcess::writeLine(const std::string& line) {
 
 int ChildProcess::wait(int milliseconds) {
   if (_reaped) return _status;
-  const int64_t deadline = nowMilliseconds() + milliseconds;
-  for (;;) {
-    int status = 0;
-    if (::waitpid(_pid, &status, milliseconds < 0 ? 0 : WNOHANG) == _pid) {
-      _reaped = true;
-      _status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      return _status;
-    }
-    if (nowMilliseconds() >= deadline) return -1;
-    ::usleep(5000);
-  }
+  // Readable once the child has exited.
+  const LDFileHandle pidfd(static_cast<int>(::syscall(SYS_pidfd_open, _pid, 0u)));
+  pollfd exited{pidfd.fileDescriptor(), POLLIN, 0};
+  int status = 0;
+  if ((milliseconds >= 0 && ::poll(&exited, 1, milliseconds) != 1) || ::waitpid(_pid, &status, 0) != _pid) return -1;
+  _reaped = true;
+  return _status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 ProcessResult ChildProcess::finish() {
