@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "shared/hex.h"
+
 namespace {
 
 struct Range {
@@ -22,11 +24,6 @@ constexpr Range kInvisible[] = {
     {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a}, {0xe0000, 0xe0fff},
 };
 
-void appendHex(std::string& out, uint32_t value, int digits) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) out.push_back(kDigits[(value >> shift) & 0xf]);
-}
-
 std::string escape(std::string_view text, bool backslash) {
   std::string out;
   out.reserve(text.size());
@@ -35,11 +32,11 @@ std::string escape(std::string_view text, bool backslash) {
     const size_t length = LDDecodeUTF8(text, at, &codePoint);
     if (length == 0 || (length == 1 && (LDIsInvisible(codePoint) || (backslash && codePoint == '\\')))) {
       out += "\\x";
-      appendHex(out, static_cast<uint8_t>(text[at]), 2);
+      LDAppendHex(out, static_cast<uint8_t>(text[at]), 2);
       ++at;
     } else if (LDIsInvisible(codePoint)) {
       out += "\\u{";
-      appendHex(out, codePoint, codePoint > 0xffff ? 5 : 4);  // kInvisible ends at U+E0FFF
+      LDAppendHex(out, codePoint, codePoint > 0xffff ? 5 : 4);  // kInvisible ends at U+E0FFF
       out += "}";
       at += length;
     } else {
