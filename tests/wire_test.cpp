@@ -82,9 +82,7 @@ TEST(Wire, RejectsEveryMalformedPacket) {
            Case{"unknown handle bit", header(3) + i64(1) + i64(0) + kNil + "\x04" + std::string(4, '\0') + kNil, 0},
            Case{"string too long", header(4) + i64(1) + str(std::string(1025, 'a')) + "\x01", 0},
            Case{"string past the end", header(4) + i64(1) + std::string("\x10\0\0\0", 4) + "abc", 0},
-           Case{"invalid UTF-8", header(4) + i64(1) + str("\xc3(") + "\x01", 0},
-           Case{"overlong UTF-8", header(4) + i64(1) + str("\xc0\xaf") + "\x01", 0},
-           Case{"UTF-8 surrogate", header(4) + i64(1) + str("\xed\xa0\x80") + "\x01", 0},
+           Case{"invalid UTF-8", header(4) + i64(1) + str("\xc3(") + "\x01", 0},  // each ill-formed kind: the Printable table
            Case{"oversized", request + std::string(4096, '\0'), 0},
        }) {
     EXPECT_FALSE(LDDecodeMessage(c.packet, c.descriptors)) << c.name;

@@ -2,6 +2,8 @@
 
 #include <bit>
 
+#include "shared/utf8.h"
+
 namespace {
 
 class Writer {
@@ -77,7 +79,7 @@ class Reader {
     }
     if (length > LDWireMaximumStringSize || length > _bytes.size()) return false;
     std::string_view text = _bytes.substr(0, length);
-    if (!isUtf8(text)) return false;
+    if (!LDIsWellFormedUTF8(text)) return false;
     value = std::string(text);
     _bytes.remove_prefix(length);
     return true;
@@ -92,43 +94,6 @@ class Reader {
       value |= uint64_t{static_cast<unsigned char>(_bytes[i])} << (8 * i);
     }
     _bytes.remove_prefix(bytes);
-    return true;
-  }
-
-  // Well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-  static bool isUtf8(std::string_view text) {
-    size_t i = 0;
-    while (i < text.size()) {
-      const auto byte = static_cast<unsigned char>(text[i]);
-      size_t extra;
-      uint32_t code;
-      if (byte < 0x80) {
-        ++i;
-        continue;
-      } else if ((byte & 0xE0) == 0xC0) {
-        extra = 1;
-        code = byte & 0x1F;
-      } else if ((byte & 0xF0) == 0xE0) {
-        extra = 2;
-        code = byte & 0x0F;
-      } else if ((byte & 0xF8) == 0xF0) {
-        extra = 3;
-        code = byte & 0x07;
-      } else {
-        return false;
-      }
-      if (i + extra >= text.size()) return false;
-      for (size_t k = 1; k <= extra; ++k) {
-        const auto next = static_cast<unsigned char>(text[i + k]);
-        if ((next & 0xC0) != 0x80) return false;
-        code = code << 6 | (next & 0x3F);
-      }
-      static constexpr uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
-      if (code < kSmallest[extra] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
-        return false;
-      }
-      i += extra + 1;
-    }
     return true;
   }
 
