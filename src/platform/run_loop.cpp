@@ -2,7 +2,6 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,12 +41,6 @@ bool LDRunLoop::isValid(int* errorNumber) const {
   if (_mailboxWatched) return true;
   if (errorNumber) *errorNumber = _creationError != 0 ? _creationError : EMFILE;
   return false;
-}
-
-int64_t LDRunLoop::now() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
 bool LDRunLoop::watch(int fd, uint32_t events, Handler handler, int* errorNumber) {

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "shared/monotonic_clock.h"
 #include "shared/thread_annotations.h"
 
 struct epoll_event;
@@ -70,7 +71,8 @@ class LDRunLoop {
   bool run(int* errorNumber = nullptr);
   void stop() { _stopping = true; }
 
-  static int64_t now();
+  // The clock of runAt deadlines.
+  static int64_t now() { return LDMonotonicNanoseconds(); }
 
  private:
   struct Watch {
