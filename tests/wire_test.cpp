@@ -1,7 +1,10 @@
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "protocol/wire.h"
 #include "shared/file_handle.h"
@@ -48,6 +51,25 @@ TEST(Wire, EncodesTheDocumentedBytesAndDecodesThem) {
   }
 }
 
+// Every message cut short anywhere, its last byte the last of readable memory: the reader refuses
+// it without reading further (a read past the end faults on the page after).
+TEST(Wire, EveryCutShortMessageIsRefusedWithoutAReadPastItsEnd) {
+  const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  void* pages = ::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(pages, MAP_FAILED);
+  ASSERT_EQ(::mprotect(static_cast<char*>(pages) + page, page, PROT_NONE), 0);
+  for (const LDMessage& message : {LDMessage(LDRequestReplyMessage{1, 0, "ab", 3, 7, "m"}), LDMessage(LDCompleteReplyMessage{1, 7, ""}),
+                                   LDMessage(LDCompleteMessage{1, "t", true})}) {
+    const std::string bytes = LDEncodeMessage(message);
+    for (size_t length = 0; length < bytes.size(); ++length) {
+      char* end = static_cast<char*>(pages) + page;
+      std::copy_n(bytes.data(), length, end - length);
+      EXPECT_FALSE(LDDecodeMessage(std::string_view(end - length, length), LDDescriptorCount(message))) << message.index() << " " << length;
+    }
+  }
+  ::munmap(pages, 2 * page);
+}
+
 TEST(Wire, AcceptedIsAnyNonZeroByte) {
   const auto decoded = LDDecodeMessage(header(4) + i64(1) + kNil + "\x80", 0);
   ASSERT_TRUE(decoded);
@@ -69,13 +91,10 @@ TEST(Wire, RejectsEveryMalformedPacket) {
     size_t descriptors;
   };
   for (const Case& c : {
-           Case{"empty", "", 0},
-           Case{"short header", "QLD1\x02", 0},
            Case{"wrong magic", "QLD2" + request.substr(4), 0},
            Case{"unknown type", header(6), 0},
            Case{"type zero", header(0), 0},
            Case{"trailing byte", request + "x", 0},
-           Case{"truncated field", request.substr(0, request.size() - 1), 0},
            Case{"descriptors with a request", request, 1},
            Case{"reply missing its descriptors", LDEncodeMessage(LDRequestReplyMessage{1, 0, "t", 3, 1, std::nullopt}), 1},
            Case{"reply with extra descriptors", LDEncodeMessage(LDRequestReplyMessage{1, 0, "t", 1, 1, std::nullopt}), 2},
