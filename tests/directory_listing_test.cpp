@@ -1,7 +1,9 @@
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
 
 #include "shared/directory_listing.h"
 #include "support/descriptors.h"
@@ -15,23 +17,21 @@ TEST(DirectoryListing, ListsEveryNameButDotsAndLeavesNothingOpen) {
   ASSERT_NE(::mkdtemp(directory), nullptr);
   const std::string base = std::string(directory) + "/";
   const std::set<std::string> all = {"a", ".b", "..c"};
-  for (const std::string& name : all) LDFileHandle(::open((base + name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+  for (const std::string& name : all) std::ofstream(base + name).put('x');
   const std::set<int> before = ldtest::openDescriptors();
-  for (const auto& [path, asked, expected] : std::initializer_list<std::tuple<std::string, size_t, std::set<std::string>>>{
-           {directory, 4, all}, {directory, 1, {}}, {base + "a", 4, {}}, {base + "none", 4, {}}}) {
+  for (const auto& [path, asked] : std::initializer_list<std::pair<std::string, size_t>>{
+           {directory, 4}, {directory, 1}, {base + "a", 4}, {base + "none", 4}}) {
     {
       LDDirectoryListing listing(AT_FDCWD, path.c_str());
       EXPECT_EQ(listing.isValid(), path == directory) << path;
       std::set<std::string> names;
       for (size_t i = 0; i < asked; ++i) if (const char* name = listing.next()) names.insert(name);
-      if (asked > all.size()) {
-        EXPECT_EQ(names, expected) << path;
-      }
+      EXPECT_EQ(names.size(), path == directory ? std::min(asked, all.size()) : 0) << path;
+      EXPECT_TRUE(std::includes(all.begin(), all.end(), names.begin(), names.end())) << path;
     }
     EXPECT_EQ(ldtest::openDescriptors(), before) << path << ", " << asked << " names asked for";
   }
-  for (const std::string& name : all) (void)::unlink((base + name).c_str());
-  (void)::rmdir(directory);
+  std::filesystem::remove_all(directory);
 }
 
 }  // namespace

@@ -28,11 +28,9 @@ TEST(UtilityQueue, RunsDueBlocksInDeadlineOrderAndSkipsCancelledOnes) {
   cancelled->cancel();
   LDUtilityQueue queue;
   // Submitted out of order, 10 ms apart: far more than the microseconds the submissions take.
-  queue.dispatchAfter(40'000'000, record(4));
-  queue.dispatchAfter(25'000'000, cancelled);
-  queue.dispatchAfter(20'000'000, record(2));
-  queue.dispatchAfter(30'000'000, record(3));
-  queue.dispatchAfter(10'000'000, record(1));
+  for (const auto& [delay, block] : {std::pair{40'000'000, record(4)}, {25'000'000, cancelled}, {20'000'000, record(2)},
+                                     {30'000'000, record(3)}, {10'000'000, record(1)}})
+    queue.dispatchAfter(delay, block);
   ASSERT_EQ(lastRan.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
   std::lock_guard<std::mutex> guard(mutex);
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));

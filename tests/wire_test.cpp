@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "protocol/wire.h"
 #include "shared/file_handle.h"
 
@@ -63,7 +61,7 @@ TEST(Wire, EveryCutShortMessageIsRefusedWithoutAReadPastItsEnd) {
     const std::string bytes = LDEncodeMessage(message);
     for (size_t length = 0; length < bytes.size(); ++length) {
       char* end = static_cast<char*>(pages) + page;
-      std::copy_n(bytes.data(), length, end - length);
+      bytes.copy(end - length, length);
       EXPECT_FALSE(LDDecodeMessage(std::string_view(end - length, length), LDDescriptorCount(message))) << message.index() << " " << length;
     }
   }

@@ -1,8 +1,8 @@
 #pragma once
 
 // What one build of the helper runs with. The shipped helper takes the shared constants
-// (helper/shipped_settings.cpp); the test builds of tests/ shorten time-outs and change admission
-// the way each end-to-end test needs (tests/support/helper_test_settings.cpp).
+// (shipped_settings.cpp); the test builds that tests/CMakeLists.txt makes shorten time-outs and
+// change admission the way each end-to-end test needs (test_build_settings.cpp).
 
 #include "admission/peer_identity.h"
 #include "helper/service_listener.h"
