@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/seqpacket.h"
 #include "protocol/wire.h"
 #include "shared/file_handle.h"
 
@@ -53,19 +54,24 @@ TEST(Wire, EncodesTheDocumentedBytesAndDecodesThem) {
 // it without reading further (a read past the end faults on the page after).
 TEST(Wire, EveryCutShortMessageIsRefusedWithoutAReadPastItsEnd) {
   const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
-  void* pages = ::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(pages, MAP_FAILED);
-  ASSERT_EQ(::mprotect(static_cast<char*>(pages) + page, page, PROT_NONE), 0);
-  for (const LDMessage& message : {LDMessage(LDRequestReplyMessage{1, 0, "ab", 3, 7, "m"}), LDMessage(LDCompleteReplyMessage{1, 7, ""}),
-                                   LDMessage(LDCompleteMessage{1, "t", true})}) {
-    const std::string bytes = LDEncodeMessage(message);
+  char* const end = static_cast<char*>(::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) + page;
+  ASSERT_EQ(::mprotect(end, page, PROT_NONE), 0);  // fails too when mmap did
+  for (const std::string& bytes : {LDEncodeMessage(LDRequestReplyMessage{1, 0, "ab", 0, 7, "m"}),
+                                   LDEncodeMessage(LDCompleteReplyMessage{1, 7, ""}), LDEncodeMessage(LDCompleteMessage{1, "t", true})}) {
     for (size_t length = 0; length < bytes.size(); ++length) {
-      char* end = static_cast<char*>(pages) + page;
       bytes.copy(end - length, length);
-      EXPECT_FALSE(LDDecodeMessage(std::string_view(end - length, length), LDDescriptorCount(message))) << message.index() << " " << length;
+      EXPECT_FALSE(LDDecodeMessage(std::string_view(end - length, length), 0)) << bytes.size() << " cut to " << length;
     }
   }
-  ::munmap(pages, 2 * page);
+  ::munmap(end - page, 2 * page);
+}
+
+// A receive that fails says so, and is not taken for a socket with nothing to read yet.
+TEST(ReceivePacket, AFailedReceiveIsNotTakenForNothingToReadYet) {
+  LDReceivedPacket packet;
+  int errorNumber = 0;
+  EXPECT_EQ(LDReceivePacket(-1, 64, &packet, &errorNumber), LDReceiveResult::failed);
+  EXPECT_EQ(errorNumber, EBADF);
 }
 
 TEST(Wire, AcceptedIsAnyNonZeroByte) {
