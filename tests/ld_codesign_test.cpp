@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "shared/hex.h"
 #include "signing/code_signature.h"
 #include "support/process.h"
 #include "support/test_pki.h"

@@ -1,9 +1,8 @@
-// The helper's listener, run loop and timer queue, real, with admission and epoll replaced where
-// a test must make them slow or fail.
+// The helper's listener, real, with admission and the kernel's calls replaced where a test must
+// make them slow or fail.
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -13,13 +12,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <chrono>
-#include <future>
-#include <mutex>
 #include <vector>
 
 #include "helper/service_listener.h"
-#include "platform/dispatch.h"
 #include "platform/seqpacket.h"
 #include "support/descriptors.h"
 #include "support/test_pki.h"
@@ -296,81 +291,6 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   runUntil([] { return false; }, 350'000'000);
   EXPECT_GE(acceptCalls, 2) << "accepting resumes";
   EXPECT_LE(acceptCalls, 6) << "once every 100 ms, not in a loop";
-}
-
-int failCreate(int) {
-  errno = EMFILE;
-  return -1;
-}
-
-// EINTR, then a real failure; a timer that fell due in between still runs.
-int interruptedThenBroken(int, epoll_event*, int, int) {
-  static int call = 0;
-  errno = ++call == 1 ? EINTR : EBADF;
-  return -1;
-}
-
-int refusedDescriptor = -1;
-int refuseOneAdd(int epoll, int operation, int fd, epoll_event* event) {
-  errno = ENOMEM;
-  return operation == EPOLL_CTL_ADD && fd == refusedDescriptor ? -1 : ::epoll_ctl(epoll, operation, fd, event);
-}
-
-TEST(RunLoop, AFailedEpollIsReportedNotTakenForAnEnding) {
-  int errorNumber = 0;
-  EXPECT_FALSE(LDRunLoop({failCreate, ::epoll_wait, ::epoll_ctl}).isValid(&errorNumber));
-  EXPECT_EQ(errorNumber, EMFILE);
-
-  // A listening socket that epoll would not take: the listener says so instead of never accepting.
-  LDRunLoop refusing({::epoll_create1, ::epoll_wait, refuseOneAdd});
-  ldtest::TemporaryDirectory directory;
-  LDFileHandle socket = ldtest::seqpacketSocket(directory.file("s"), ldtest::Seqpacket::listening);
-  refusedDescriptor = socket.fileDescriptor();
-  LDServiceListener listener(std::move(socket), refusing);
-  EXPECT_FALSE(listener.activate(&errorNumber));
-  EXPECT_EQ(errorNumber, ENOMEM);
-
-  LDRunLoop loop({::epoll_create1, interruptedThenBroken, ::epoll_ctl});
-  bool timerRan = false;
-  loop.runAt(LDRunLoop::now(), [&] { timerRan = true; });
-  EXPECT_FALSE(loop.run(&errorNumber));
-  EXPECT_EQ(errorNumber, EBADF);
-  EXPECT_TRUE(timerRan) << "EINTR is retried";
-}
-
-// ---- The utility queue, which runs the helper's timers ----
-
-// The real queue with millisecond delays: blocks run in deadline order on the utility thread,
-// a cancelled block never runs.
-TEST(UtilityQueue, RunsDueBlocksInDeadlineOrderAndSkipsCancelledOnes) {
-  std::mutex mutex;
-  std::vector<int> order;
-  std::promise<void> lastRan;
-  auto record = [&](int value) {
-    return LDDispatchBlock::create([&, value] {
-      std::lock_guard<std::mutex> guard(mutex);
-      order.push_back(value);
-      if (value == 4) lastRan.set_value();
-    });
-  };
-  auto cancelled = record(99);
-  cancelled->cancel();
-  LDUtilityQueue queue;
-  // Submitted out of order, 10 ms apart: far more than the microseconds the submissions take.
-  queue.dispatchAfter(40'000'000, record(4));
-  queue.dispatchAfter(25'000'000, cancelled);
-  queue.dispatchAfter(20'000'000, record(2));
-  queue.dispatchAfter(30'000'000, record(3));
-  queue.dispatchAfter(10'000'000, record(1));
-  ASSERT_EQ(lastRan.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
-  std::lock_guard<std::mutex> guard(mutex);
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
-}
-
-TEST(UtilityQueue, DelaysAreNanosecondsTruncatedTowardZero) {
-  EXPECT_EQ(LDDelayInNanoseconds(0.0000000019), 1);
-  EXPECT_EQ(LDDelayInNanoseconds(1.5), 1'500'000'000);
-  EXPECT_EQ(LDDelayInNanoseconds(-0.5), -500'000'000);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "platform/seqpacket.h"
 #include "protocol/wire.h"
 #include "shared/file_handle.h"
 
@@ -48,6 +50,30 @@ TEST(Wire, EncodesTheDocumentedBytesAndDecodesThem) {
   }
 }
 
+// Every message cut short anywhere, its last byte the last of readable memory: the reader refuses
+// it without reading further (a read past the end faults on the page after).
+TEST(Wire, EveryCutShortMessageIsRefusedWithoutAReadPastItsEnd) {
+  const auto page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  char* const end = static_cast<char*>(::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) + page;
+  ASSERT_EQ(::mprotect(end, page, PROT_NONE), 0);  // fails too when mmap did
+  for (const std::string& bytes : {LDEncodeMessage(LDRequestReplyMessage{1, 0, "ab", 0, 7, "m"}),
+                                   LDEncodeMessage(LDCompleteReplyMessage{1, 7, ""}), LDEncodeMessage(LDCompleteMessage{1, "t", true})}) {
+    for (size_t length = 0; length < bytes.size(); ++length) {
+      bytes.copy(end - length, length);
+      EXPECT_FALSE(LDDecodeMessage(std::string_view(end - length, length), 0)) << bytes.size() << " cut to " << length;
+    }
+  }
+  ::munmap(end - page, 2 * page);
+}
+
+// A receive that fails says so, and is not taken for a socket with nothing to read yet.
+TEST(ReceivePacket, AFailedReceiveIsNotTakenForNothingToReadYet) {
+  LDReceivedPacket packet;
+  int errorNumber = 0;
+  EXPECT_EQ(LDReceivePacket(-1, 64, &packet, &errorNumber), LDReceiveResult::failed);
+  EXPECT_EQ(errorNumber, EBADF);
+}
+
 TEST(Wire, AcceptedIsAnyNonZeroByte) {
   const auto decoded = LDDecodeMessage(header(4) + i64(1) + kNil + "\x80", 0);
   ASSERT_TRUE(decoded);
@@ -69,22 +95,17 @@ TEST(Wire, RejectsEveryMalformedPacket) {
     size_t descriptors;
   };
   for (const Case& c : {
-           Case{"empty", "", 0},
-           Case{"short header", "QLD1\x02", 0},
            Case{"wrong magic", "QLD2" + request.substr(4), 0},
            Case{"unknown type", header(6), 0},
            Case{"type zero", header(0), 0},
            Case{"trailing byte", request + "x", 0},
-           Case{"truncated field", request.substr(0, request.size() - 1), 0},
            Case{"descriptors with a request", request, 1},
            Case{"reply missing its descriptors", LDEncodeMessage(LDRequestReplyMessage{1, 0, "t", 3, 1, std::nullopt}), 1},
            Case{"reply with extra descriptors", LDEncodeMessage(LDRequestReplyMessage{1, 0, "t", 1, 1, std::nullopt}), 2},
            Case{"unknown handle bit", header(3) + i64(1) + i64(0) + kNil + "\x04" + std::string(4, '\0') + kNil, 0},
            Case{"string too long", header(4) + i64(1) + str(std::string(1025, 'a')) + "\x01", 0},
            Case{"string past the end", header(4) + i64(1) + std::string("\x10\0\0\0", 4) + "abc", 0},
-           Case{"invalid UTF-8", header(4) + i64(1) + str("\xc3(") + "\x01", 0},
-           Case{"overlong UTF-8", header(4) + i64(1) + str("\xc0\xaf") + "\x01", 0},
-           Case{"UTF-8 surrogate", header(4) + i64(1) + str("\xed\xa0\x80") + "\x01", 0},
+           Case{"invalid UTF-8", header(4) + i64(1) + str("\xc3(") + "\x01", 0},  // each ill-formed kind: the Printable table
            Case{"oversized", request + std::string(4096, '\0'), 0},
        }) {
     EXPECT_FALSE(LDDecodeMessage(c.packet, c.descriptors)) << c.name;

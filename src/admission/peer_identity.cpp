@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include <cstring>
 
 #include "admission/parser_sandbox.h"
+#include "platform/pidfd.h"
 
 namespace {
 
@@ -132,8 +132,6 @@ std::string executableProblem(int processDirectory, const LDExecutableFile& exec
 }
 
 }  // namespace
-
-int LDOpenPidfd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
 
 bool LDRefuseDescriptors(int socket) {
   constexpr int kSoPassRights = 83;  // Linux 6.16

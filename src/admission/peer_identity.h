@@ -66,10 +66,6 @@ struct LDAdmittedPeer {
   LDPeerVerdict verdict;
 };
 
-// A pidfd for pid, or -1 with errno (Debian 12's <sys/pidfd.h> declares pidfd_open without C
-// linkage, so it is called directly).
-int LDOpenPidfd(pid_t pid);
-
 // Turns SO_PASSRIGHTS off (Linux 6.16): a descriptor sent to this socket, or to a connection
 // accepted from it later, is refused at the sender's sendmsg. True also on kernels without the
 // option; there, descriptors already queued or sent later reach the socket, which is why only a

@@ -5,13 +5,13 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "platform/pidfd.h"
 #include "platform/seqpacket.h"
 
 namespace {
@@ -178,7 +178,7 @@ std::optional<LDKeeperZygote> LDKeeperZygote::start(LDKeeperMain keeperMain, pid
 
 LDKeeperZygote::~LDKeeperZygote() {
   if (!_pidfd.isValid()) return;
-  (void)::syscall(SYS_pidfd_send_signal, _pidfd.fileDescriptor(), SIGKILL, nullptr, 0u);
+  (void)LDSendSignal(_pidfd.fileDescriptor(), SIGKILL);
   // Waiting for our own zygote, just sent SIGKILL: it holds nothing of a peer's.
   siginfo_t info{};
   constexpr idtype_t kPidfd = static_cast<idtype_t>(3);  // P_PIDFD, Linux 5.4

@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "shared/hex.h"
+
 namespace {
 
 // Linux 6.8; absent from Debian 12's headers. Older kernels ignore the bit and report the mount id

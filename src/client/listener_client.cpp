@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,14 +16,11 @@
 #include "platform/socket_activation.h"
 #include "protocol/wire.h"
 #include "shared/loopback_listeners.h"
+#include "shared/monotonic_clock.h"
 
 namespace {
 
-int64_t monotonicMilliseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-}
+int64_t monotonicMilliseconds() { return LDMonotonicNanoseconds() / 1'000'000; }
 
 // How an acquisition failed: the kind for the C interface, and the error that explains it.
 struct Failure {

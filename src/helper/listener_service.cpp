@@ -11,6 +11,11 @@ std::optional<std::string> descriptionOr(const std::optional<LDError>& error, co
   return error ? error->description() : std::string(fallback);
 }
 
+// A reply that hands over no listener: the status and why.
+void replyWithoutListeners(const LDRequestReply& reply, int64_t status, const std::optional<std::string>& message) {
+  reply(LDListenerProtocolVersion, status, std::nullopt, nullptr, nullptr, getpid(), message);
+}
+
 }  // namespace
 
 std::shared_ptr<LDListenerService> LDListenerService::initWithPort(
@@ -49,15 +54,13 @@ void LDListenerService::requestListenerTransferWithProtocolVersion(
   _stateLock.lock();
   if (_state != LDListenerServiceStateIdle) {
     _stateLock.unlock();
-    reply(LDListenerProtocolVersion, LDListenerTransferStatusBusy, std::nullopt, nullptr, nullptr,
-          getpid(), LDTransferInProgressMessage);
+    replyWithoutListeners(reply, LDListenerTransferStatusBusy, LDTransferInProgressMessage);
     return;
   }
   if (protocolVersion != LDListenerProtocolVersion) {
     _state = LDListenerServiceStateFinished;
     _stateLock.unlock();
-    reply(LDListenerProtocolVersion, LDListenerTransferStatusUnsupportedVersion, std::nullopt,
-          nullptr, nullptr, getpid(), LDUnsupportedProtocolVersionMessage);
+    replyWithoutListeners(reply, LDListenerTransferStatusUnsupportedVersion, LDUnsupportedProtocolVersionMessage);
     terminateAfterSendingReplyOn(connection, 1);
     return;
   }
@@ -66,57 +69,48 @@ void LDListenerService::requestListenerTransferWithProtocolVersion(
 
   // Sockets and the token are made without any lock held.
   std::optional<LDError> error;
-  std::unique_ptr<LDLoopbackListeners> listeners =
-      LDLoopbackListeners::initWithPort(_port, &error, _systemCalls);
+  std::unique_ptr<LDLoopbackListeners> listeners = LDLoopbackListeners::initWithPort(_port, &error, _systemCalls);
   if (!listeners) {
     finishWithoutTransfer();
-    const int64_t status = error && error->code() == LDListenerErrorAddressInUse
-                               ? LDListenerTransferStatusAddressInUse
-                               : LDListenerTransferStatusBindFailed;
-    reply(LDListenerProtocolVersion, status, std::nullopt, nullptr, nullptr, getpid(),
-          descriptionOr(error, LDBindFailedMessage));
+    const bool inUse = error && error->code() == LDListenerErrorAddressInUse;
+    replyWithoutListeners(reply, inUse ? LDListenerTransferStatusAddressInUse : LDListenerTransferStatusBindFailed,
+                          descriptionOr(error, LDBindFailedMessage));
     terminateAfterSendingReplyOn(connection, 1);
     return;
   }
+  // Once the pair is bound, every failure closes its originals before it answers.
+  const auto giveUp = [&](const char* fallback) {
+    listeners->closeOriginals();
+    notifyOriginalsClosed();
+    finishWithoutTransfer();
+    replyWithoutListeners(reply, LDListenerTransferStatusDuplicationFailed, descriptionOr(error, fallback));
+    terminateAfterSendingReplyOn(connection, 1);
+  };
 
   LDFileHandle duplicate4, duplicate6;
-  if (!listeners->duplicateIntoIPv4(duplicate4, duplicate6, &error)) {
-    listeners->closeOriginals();
-    notifyOriginalsClosed();
-    finishWithoutTransfer();
-    reply(LDListenerProtocolVersion, LDListenerTransferStatusDuplicationFailed, std::nullopt,
-          nullptr, nullptr, getpid(), descriptionOr(error, LDDuplicateFailedMessage));
-    terminateAfterSendingReplyOn(connection, 1);
-    return;
-  }
+  if (!listeners->duplicateIntoIPv4(duplicate4, duplicate6, &error)) return giveUp(LDDuplicateFailedMessage);
   const LDListenerHandle ipv4 = std::make_shared<const LDFileHandle>(std::move(duplicate4));
   const LDListenerHandle ipv6 = std::make_shared<const LDFileHandle>(std::move(duplicate6));
-
   const std::optional<std::string> token = LDUnpredictableToken(&error, _systemCalls);
-  if (!token) {
-    listeners->closeOriginals();
-    notifyOriginalsClosed();
-    finishWithoutTransfer();
-    reply(LDListenerProtocolVersion, LDListenerTransferStatusDuplicationFailed, std::nullopt,
-          nullptr, nullptr, getpid(), descriptionOr(error, LDTokenGenerationFailedMessage));
-    terminateAfterSendingReplyOn(connection, 1);
-    return;
-  }
+  if (!token) return giveUp(LDTokenGenerationFailedMessage);
 
+  awaitAcknowledgement(*token, std::move(listeners));
+  reply(LDListenerProtocolVersion, LDListenerTransferStatusTransferred, token, ipv4, ipv6, getpid(), std::nullopt);
+  // Returning drops this frame's references to the duplicates; the connection keeps its own
+  // until the reply has been written out. The originals stay open until acknowledgement.
+}
+
+void LDListenerService::awaitAcknowledgement(const std::string& token, std::unique_ptr<LDLoopbackListeners> listeners) {
   {
     // Unconditional: a completion that raced in while the pair was being made has already moved
     // the state to 3 and asked for termination; storing 2 here is harmless because termination
     // happens once, and the originals are closed by whichever path ends the transfer.
     LDLockGuard guard(_stateLock);
     _state = LDListenerServiceStateAwaitingAcknowledgement;
-    _expectedToken = *token;
+    _expectedToken = token;
     _listeners = std::move(listeners);
   }
-  scheduleAcknowledgementTimeoutForToken(*token);
-  reply(LDListenerProtocolVersion, LDListenerTransferStatusTransferred, token, ipv4, ipv6,
-        getpid(), std::nullopt);
-  // Returning drops this frame's references to the duplicates; the connection keeps its own
-  // until the reply has been written out. The originals stay open until acknowledgement.
+  scheduleAcknowledgementTimeoutForToken(token);
 }
 
 void LDListenerService::completeListenerTransferWithProtocolVersion(

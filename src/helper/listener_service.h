@@ -61,6 +61,9 @@ class LDListenerService final : public LDListenerHandoff,
                     TerminateCallback terminate, LDDispatchQueue& utilityQueue,
                     LDSystemCalls& systemCalls);
 
+  // The pair is made and the reply about to go: wait for the client's acknowledgement of token.
+  void awaitAcknowledgement(const std::string& token, std::unique_ptr<LDLoopbackListeners> listeners)
+      LD_EXCLUDES(_stateLock);
   void scheduleAcknowledgementTimeoutForToken(const std::string& token) LD_EXCLUDES(_stateLock);
   void handleAcknowledgementTimeoutForToken(const std::string& token)
       LD_EXCLUDES(_stateLock, _terminationLock);

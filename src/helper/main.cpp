@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "helper/helper_settings.h"
 #include "helper/listener_service.h"
 #include "helper/service_listener.h"
 #include "platform/dispatch.h"
@@ -18,36 +19,6 @@
 #include "signing/code_signing.h"
 
 namespace {
-
-// A test build may shorten the time-outs; the shipped helper uses the shared constants.
-#ifdef LD_TEST_ACKNOWLEDGEMENT_TIMEOUT
-constexpr double kAcknowledgementTimeout = LD_TEST_ACKNOWLEDGEMENT_TIMEOUT;
-constexpr double kReplyBarrierFallbackTimeout = LD_TEST_REPLY_BARRIER_FALLBACK_TIMEOUT;
-#define LD_ACKNOWLEDGEMENT_TIMEOUT kAcknowledgementTimeout
-#define LD_REPLY_BARRIER_FALLBACK_TIMEOUT kReplyBarrierFallbackTimeout
-#else
-#define LD_ACKNOWLEDGEMENT_TIMEOUT LDAcknowledgementTimeout
-#define LD_REPLY_BARRIER_FALLBACK_TIMEOUT LDReplyBarrierFallbackTimeout
-#endif
-
-// Test builds may admit by signature alone, pin peers without SO_PEERPIDFD as on kernels before
-// 6.5, or keep their records of verified executables elsewhere and record files changed just now.
-LDAdmissionPolicy admissionPolicy() {
-  LDAdmissionPolicy policy;
-  policy.requireSecureExecution = LDRequireSecureExecution;
-  policy.verifiedExecutables = LD_VERIFIED_EXECUTABLE_DIRECTORY;
-#ifdef LD_TEST_VERIFIED_EXECUTABLES
-  policy.verifiedExecutables = LD_TEST_VERIFIED_EXECUTABLES;
-  policy.recordSettling = 0;
-#endif
-#ifdef LD_TEST_SIGNATURE_ONLY
-  policy.requireSecureExecution = false;
-#endif
-#ifdef LD_TEST_WITHOUT_PEER_PIDFD
-  policy.usePeerPidfd = false;
-#endif
-  return policy;
-}
 
 constexpr const char kMustRunAsRoot[] = "quillfern-local-domain-listener: must run as a root LaunchDaemon\n";
 
@@ -92,24 +63,21 @@ int main() {
   if (!activated) return fail(LDNotSocketActivatedMessage());
   if (!socket) return fail(problem);
 
+  const LDHelperSettings settings = LDHelperSettingsOfThisBuild();
   LDRunLoop runLoop;
   int errorNumber = 0;
   const int activatedSocket = socket->fileDescriptor();  // owned by the listener from here on
   if (!runLoop.isValid(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("epoll_create1", errorNumber));
   LDServiceListener listener(std::move(*socket), runLoop);
   listener.setConnectionCodeSigningRequirement(*requirement);
-  listener.setAdmissionPolicy(admissionPolicy());
-#ifdef LD_TEST_MESSAGE_CHECK_DEADLINE
-  LDServiceListener::Timing timing;
-  timing.messageCheck = LD_TEST_MESSAGE_CHECK_DEADLINE;
-  listener.setTiming(timing);
-#endif
+  listener.setAdmissionPolicy(settings.admission);
+  listener.setTiming(settings.timing);
   // Forks the keepers' zygote, so it comes before the utility queue starts its thread.
   if (!listener.activate(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("activation", errorNumber));
 
   LDUtilityQueue utilityQueue;
   const std::shared_ptr<LDListenerService> service = LDListenerService::initWithPort(
-      LDListenerPort, LD_ACKNOWLEDGEMENT_TIMEOUT, LD_REPLY_BARRIER_FALLBACK_TIMEOUT, nullptr,
+      LDListenerPort, settings.acknowledgementTimeout, settings.replyBarrierFallbackTimeout, nullptr,
       [](int32_t status) { std::exit(status); }, utilityQueue);
   LDListenerServiceDelegate delegate(service);
   listener.setDelegate(&delegate);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,12 +13,9 @@
 #include <utility>
 
 #include "helper/helper_connection.h"
+#include "platform/pidfd.h"
 
 namespace {
-
-int sendSignal(int pidfd, int signal) {
-  return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0u));
-}
 
 // Copies text into a fixed field of a record; the length says how much of it counts.
 template <size_t Size>
@@ -90,7 +86,7 @@ class MonitorProxy final : public LDListenerHandoff {
 
 }  // namespace
 
-const LDServiceListener::Calls LDServiceListener::kSystemCalls = {::accept4, ::fork, sendSignal};
+const LDServiceListener::Calls LDServiceListener::kSystemCalls = {::accept4, ::fork, LDSendSignal};
 
 // --- The monitor's side of an admitted connection.
 

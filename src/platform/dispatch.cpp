@@ -1,16 +1,10 @@
 #include "platform/dispatch.h"
 
-#include <time.h>
-
 #include <algorithm>
 
-namespace {
+#include "shared/monotonic_clock.h"
 
-int64_t monotonicNow() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
+namespace {
 
 // Orders the heap so that the earliest deadline (then the earliest submission) is on top.
 bool later(const auto& a, const auto& b) {
@@ -43,7 +37,7 @@ LDUtilityQueue::~LDUtilityQueue() {
 }
 
 void LDUtilityQueue::dispatchAfter(int64_t delayNanoseconds, LDDispatchBlockRef block) {
-  const int64_t deadline = monotonicNow() + delayNanoseconds;
+  const int64_t deadline = LDMonotonicNanoseconds() + delayNanoseconds;
   {
     LDLockGuard guard(_lock);
     _timers.push_back(Timer{deadline, _nextSequence++, std::move(block)});
@@ -59,7 +53,7 @@ void LDUtilityQueue::run() {
       _wakeUp.wait(_lock);
       continue;
     }
-    const int64_t wait = _timers.front().deadline - monotonicNow();
+    const int64_t wait = _timers.front().deadline - LDMonotonicNanoseconds();
     if (wait > 0) {
       _wakeUp.wait_for(_lock, std::chrono::nanoseconds(wait));
       continue;

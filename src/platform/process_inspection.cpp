@@ -1,6 +1,5 @@
 #include "platform/process_inspection.h"
 
-#include <dirent.h>
 #include <elf.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,6 +11,8 @@
 #include <charconv>
 #include <cstring>
 #include <string_view>
+
+#include "shared/directory_listing.h"
 
 namespace {
 
@@ -203,39 +204,28 @@ bool LDIsLocalFileSystem(const std::string& type) {
 }
 
 size_t LDCountDescriptors(int processDirectory, size_t limit) {
-  LDFileHandle descriptors(::openat(processDirectory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  DIR* listing = descriptors.isValid() ? ::fdopendir(descriptors.fileDescriptor()) : nullptr;
-  if (listing == nullptr) return limit + 1;
-  (void)descriptors.release();  // the listing owns it now
+  LDDirectoryListing descriptors(processDirectory, "fd");
+  if (!descriptors.isValid()) return limit + 1;
   size_t count = 0;
-  while (count <= limit) {
-    const dirent* entry = ::readdir(listing);
-    if (entry == nullptr) break;
-    if (entry->d_name[0] != '.') ++count;
-  }
-  ::closedir(listing);
+  while (count <= limit && descriptors.next() != nullptr) ++count;
   return count;
 }
 
 LDSocketCopies LDScanSocketCopies(int processDirectory, ino_t socketInode, size_t maximumDescriptors) {
-  LDFileHandle descriptors(::openat(processDirectory, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  LDDirectoryListing descriptors(processDirectory, "fd");
   if (!descriptors.isValid()) return LDSocketCopies::unreadable;
-  DIR* listing = ::fdopendir(descriptors.fileDescriptor());
-  if (listing == nullptr) return LDSocketCopies::unreadable;
-  (void)descriptors.release();  // the listing owns it now
   const std::string wanted = "socket:[" + std::to_string(socketInode) + "]";
   size_t seen = 0;
   LDSocketCopies result = LDSocketCopies::none;
-  while (const dirent* entry = ::readdir(listing)) {
-    if (entry->d_name[0] == '.') continue;
+  while (const char* name = descriptors.next()) {
     if (++seen > maximumDescriptors) {
       result = LDSocketCopies::tooManyDescriptors;
       break;
     }
     char target[64];
-    const ssize_t length = ::readlinkat(::dirfd(listing), entry->d_name, target, sizeof target);
+    const ssize_t length = ::readlinkat(descriptors.fileDescriptor(), name, target, sizeof target);
     if (length <= 0 || std::string_view(target, static_cast<size_t>(length)) != wanted) continue;
-    const std::string info = "fdinfo/" + std::string(entry->d_name);
+    const std::string info = "fdinfo/" + std::string(name);
     const std::optional<std::string> text = readWhole(processDirectory, info.c_str(), 4096);
     const auto flags = text ? field(*text, "flags:") : std::nullopt;
     unsigned long value = 0;
@@ -246,6 +236,5 @@ LDSocketCopies LDScanSocketCopies(int processDirectory, ino_t socketInode, size_
     }
     result = LDSocketCopies::allCloseOnExec;
   }
-  ::closedir(listing);
   return result;
 }

@@ -1,53 +1,21 @@
 #include "platform/run_loop.h"
 
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
-
-LDRunLoopMailbox::LDRunLoopMailbox() : _wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-void LDRunLoopMailbox::post(std::function<void()> fn) {
-  {
-    LDLockGuard hold(_lock);
-    _posted.push_back(std::move(fn));
-  }
-  const uint64_t one = 1;
-  (void)!::write(_wakeUp.fileDescriptor(), &one, sizeof one);
-}
-
-std::vector<std::function<void()>> LDRunLoopMailbox::take() {
-  uint64_t count = 0;
-  (void)!::read(_wakeUp.fileDescriptor(), &count, sizeof count);
-  LDLockGuard hold(_lock);
-  return std::exchange(_posted, {});
-}
+#include <vector>
 
 const LDRunLoop::Calls LDRunLoop::kSystemCalls = {::epoll_create1, ::epoll_wait, ::epoll_ctl};
 
-LDRunLoop::LDRunLoop(const Calls& calls)
-    : _calls(calls), _mailbox(std::make_shared<LDRunLoopMailbox>()) {
-  _epoll.reset(_calls.create(EPOLL_CLOEXEC));
+LDRunLoop::LDRunLoop(const Calls& calls) : _calls(calls), _epoll(_calls.create(EPOLL_CLOEXEC)) {
   _creationError = _epoll.isValid() ? 0 : errno;
-  _mailboxWatched = _epoll.isValid() && _mailbox->isValid() &&
-                    watch(_mailbox->fileDescriptor(), EPOLLIN, [this](uint32_t) {
-                      for (std::function<void()>& fn : _mailbox->take()) fn();
-                    }, &_creationError);
 }
 
 bool LDRunLoop::isValid(int* errorNumber) const {
-  if (_mailboxWatched) return true;
-  if (errorNumber) *errorNumber = _creationError != 0 ? _creationError : EMFILE;
+  if (_epoll.isValid()) return true;
+  if (errorNumber) *errorNumber = _creationError;
   return false;
-}
-
-int64_t LDRunLoop::now() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
 bool LDRunLoop::watch(int fd, uint32_t events, Handler handler, int* errorNumber) {

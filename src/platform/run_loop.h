@@ -6,33 +6,11 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <vector>
-
-#include "shared/thread_annotations.h"
-
-struct epoll_event;
 
 #include "shared/file_handle.h"
+#include "shared/monotonic_clock.h"
 
-// Work handed to the loop from other threads. Shared, so that a thread that finishes after the
-// loop is gone still has somewhere to put its result (which is then simply dropped).
-class LDRunLoopMailbox {
- public:
-  LDRunLoopMailbox();
-  bool isValid() const { return _wakeUp.isValid(); }
-  int fileDescriptor() const { return _wakeUp.fileDescriptor(); }
-  // From any thread.
-  void post(std::function<void()> fn) LD_EXCLUDES(_lock);
-  // On the loop's thread, when fileDescriptor() is readable.
-  std::vector<std::function<void()>> take() LD_EXCLUDES(_lock);
-
- private:
-  LDFileHandle _wakeUp;  // eventfd
-  LDLock _lock;
-  std::vector<std::function<void()>> _posted LD_GUARDED_BY(_lock);
-};
+struct epoll_event;
 
 class LDRunLoop {
  public:
@@ -49,9 +27,8 @@ class LDRunLoop {
   LDRunLoop(const LDRunLoop&) = delete;
   LDRunLoop& operator=(const LDRunLoop&) = delete;
 
-  // False when the epoll set or the mailbox could not be made; *errorNumber says why.
+  // False when the epoll set could not be made; *errorNumber says why.
   bool isValid(int* errorNumber = nullptr) const;
-  const std::shared_ptr<LDRunLoopMailbox>& mailbox() const { return _mailbox; }
 
   // Calls handler with the epoll events whenever fd is ready for `events`. False, with
   // *errorNumber, when the kernel would not add fd: then nothing is watched.
@@ -70,7 +47,8 @@ class LDRunLoop {
   bool run(int* errorNumber = nullptr);
   void stop() { _stopping = true; }
 
-  static int64_t now();
+  // The clock of runAt deadlines.
+  static int64_t now() { return LDMonotonicNanoseconds(); }
 
  private:
   struct Watch {
@@ -80,8 +58,6 @@ class LDRunLoop {
   const Calls _calls;
   LDFileHandle _epoll;
   int _creationError = 0;
-  bool _mailboxWatched = false;
-  std::shared_ptr<LDRunLoopMailbox> _mailbox;
   std::map<int, Watch> _watches;
   std::multimap<int64_t, std::pair<uint64_t, std::function<void()>>> _timers;
   uint64_t _nextGeneration = 1;

@@ -10,6 +10,39 @@ namespace {
 constexpr size_t kMaximumDescriptors = 8;
 constexpr int kScmPidfd = 0x04;  // SCM_PIDFD, missing from older headers
 
+// The control room recvmsg is given: credentials always, and room for maximumDescriptors so that
+// one more is cut (MSG_CTRUNC) rather than received.
+size_t controlRoom(size_t maximumDescriptors, size_t whole) {
+  if (maximumDescriptors == 0) return CMSG_SPACE(sizeof(ucred));
+  if (maximumDescriptors >= kMaximumDescriptors) return whole;
+  return CMSG_SPACE(sizeof(int) * maximumDescriptors) + CMSG_SPACE(sizeof(ucred));
+}
+
+// Takes every descriptor of the control messages into packet (a pidfd is closed: the sender's
+// identity comes from SO_PEERPIDFD instead), whatever else is wrong with the packet, and the
+// credentials.
+void takeControlMessages(msghdr& header, LDReceivedPacket* packet) {
+  for (cmsghdr* message = CMSG_FIRSTHDR(&header); message != nullptr; message = CMSG_NXTHDR(&header, message)) {
+    if (message->cmsg_level != SOL_SOCKET) continue;
+    if (message->cmsg_type == SCM_RIGHTS || message->cmsg_type == kScmPidfd) {
+      const size_t count = (message->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+      for (size_t i = 0; i < count; ++i) {
+        int descriptor;
+        std::memcpy(&descriptor, CMSG_DATA(message) + i * sizeof(int), sizeof descriptor);
+        if (message->cmsg_type == SCM_RIGHTS) {
+          packet->descriptors.emplace_back(descriptor);
+        } else {
+          LDCloseDescriptor(descriptor);
+        }
+      }
+    } else if (message->cmsg_type == SCM_CREDENTIALS && message->cmsg_len >= CMSG_LEN(sizeof(ucred))) {
+      ucred credentials;
+      std::memcpy(&credentials, CMSG_DATA(message), sizeof credentials);
+      packet->credentials = credentials;
+    }
+  }
+}
+
 }  // namespace
 
 LDReceiveResult LDReceivePacket(int fd, size_t maximumSize, LDReceivedPacket* packet,
@@ -24,10 +57,7 @@ LDReceiveResult LDReceivePacket(int fd, size_t maximumSize, LDReceivedPacket* pa
   header.msg_iov = &vector;
   header.msg_iovlen = 1;
   header.msg_control = control;
-  header.msg_controllen = maximumDescriptors == 0 ? CMSG_SPACE(sizeof(ucred))
-                          : maximumDescriptors >= kMaximumDescriptors
-                              ? sizeof control
-                              : CMSG_SPACE(sizeof(int) * maximumDescriptors) + CMSG_SPACE(sizeof(ucred));
+  header.msg_controllen = controlRoom(maximumDescriptors, sizeof control);
   ssize_t received;
   do {
     received = ::recvmsg(fd, &header, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
@@ -37,28 +67,7 @@ LDReceiveResult LDReceivePacket(int fd, size_t maximumSize, LDReceivedPacket* pa
     return *errorNumber == EAGAIN || *errorNumber == EWOULDBLOCK ? LDReceiveResult::wouldBlock
                                                                  : LDReceiveResult::failed;
   }
-  // Own every descriptor first, whatever else is wrong with the packet.
-  for (cmsghdr* message = CMSG_FIRSTHDR(&header); message != nullptr;
-       message = CMSG_NXTHDR(&header, message)) {
-    if (message->cmsg_level != SOL_SOCKET) continue;
-    if (message->cmsg_type == SCM_RIGHTS || message->cmsg_type == kScmPidfd) {
-      const size_t count = (message->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-      for (size_t i = 0; i < count; ++i) {
-        int descriptor;
-        std::memcpy(&descriptor, CMSG_DATA(message) + i * sizeof(int), sizeof descriptor);
-        if (message->cmsg_type == SCM_RIGHTS) {
-          packet->descriptors.emplace_back(descriptor);
-        } else {
-          LDCloseDescriptor(descriptor);  // sender identity comes from SO_PEERPIDFD instead
-        }
-      }
-    } else if (message->cmsg_type == SCM_CREDENTIALS &&
-               message->cmsg_len >= CMSG_LEN(sizeof(ucred))) {
-      ucred credentials;
-      std::memcpy(&credentials, CMSG_DATA(message), sizeof credentials);
-      packet->credentials = credentials;
-    }
-  }
+  takeControlMessages(header, packet);
   if ((header.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0) {
     packet->descriptors.clear();
     return LDReceiveResult::truncated;

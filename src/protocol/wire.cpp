@@ -2,6 +2,8 @@
 
 #include <bit>
 
+#include "shared/utf8.h"
+
 namespace {
 
 class Writer {
@@ -77,7 +79,7 @@ class Reader {
     }
     if (length > LDWireMaximumStringSize || length > _bytes.size()) return false;
     std::string_view text = _bytes.substr(0, length);
-    if (!isUtf8(text)) return false;
+    if (!LDIsWellFormedUTF8(text)) return false;
     value = std::string(text);
     _bytes.remove_prefix(length);
     return true;
@@ -95,43 +97,6 @@ class Reader {
     return true;
   }
 
-  // Well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-  static bool isUtf8(std::string_view text) {
-    size_t i = 0;
-    while (i < text.size()) {
-      const auto byte = static_cast<unsigned char>(text[i]);
-      size_t extra;
-      uint32_t code;
-      if (byte < 0x80) {
-        ++i;
-        continue;
-      } else if ((byte & 0xE0) == 0xC0) {
-        extra = 1;
-        code = byte & 0x1F;
-      } else if ((byte & 0xF0) == 0xE0) {
-        extra = 2;
-        code = byte & 0x0F;
-      } else if ((byte & 0xF8) == 0xF0) {
-        extra = 3;
-        code = byte & 0x07;
-      } else {
-        return false;
-      }
-      if (i + extra >= text.size()) return false;
-      for (size_t k = 1; k <= extra; ++k) {
-        const auto next = static_cast<unsigned char>(text[i + k]);
-        if ((next & 0xC0) != 0x80) return false;
-        code = code << 6 | (next & 0x3F);
-      }
-      static constexpr uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
-      if (code < kSmallest[extra] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
-        return false;
-      }
-      i += extra + 1;
-    }
-    return true;
-  }
-
   std::string_view _bytes;
 };
 
@@ -141,6 +106,51 @@ struct Overloaded : Ts... {
 };
 template <class... Ts>
 Overloaded(Ts...) -> Overloaded<Ts...>;  // clang 14 does not deduce aggregates by itself
+
+// The fields after the type, one reader per message.
+bool readFields(Reader&, LDHelloMessage&) { return true; }
+
+bool readFields(Reader& reader, LDRequestMessage& m) { return reader.i64(m.protocolVersion); }
+
+bool readFields(Reader& reader, LDRequestReplyMessage& m) {
+  return reader.i64(m.protocolVersion) && reader.i64(m.status) && reader.string(m.token) && reader.u8(m.handles) &&
+         reader.i32(m.helperProcessIdentifier) && reader.string(m.message) &&
+         (m.handles & ~(LDWireHandleIPv4 | LDWireHandleIPv6)) == 0;
+}
+
+bool readFields(Reader& reader, LDCompleteMessage& m) {
+  uint8_t accepted;
+  if (!reader.i64(m.protocolVersion) || !reader.string(m.token) || !reader.u8(accepted)) return false;
+  m.accepted = accepted != 0;
+  return true;
+}
+
+bool readFields(Reader& reader, LDCompleteReplyMessage& m) {
+  return reader.i64(m.protocolVersion) && reader.i64(m.status) && reader.string(m.message);
+}
+
+template <class Message>
+std::optional<LDMessage> readMessage(Reader& reader) {
+  Message message{};
+  if (!readFields(reader, message)) return std::nullopt;
+  return LDMessage(std::move(message));
+}
+
+std::optional<LDMessage> readBody(Reader& reader, LDMessageType type) {
+  switch (type) {
+    case LDMessageType::hello:
+      return readMessage<LDHelloMessage>(reader);
+    case LDMessageType::request:
+      return readMessage<LDRequestMessage>(reader);
+    case LDMessageType::requestReply:
+      return readMessage<LDRequestReplyMessage>(reader);
+    case LDMessageType::complete:
+      return readMessage<LDCompleteMessage>(reader);
+    case LDMessageType::completeReply:
+      return readMessage<LDCompleteReplyMessage>(reader);
+  }
+  return std::nullopt;  // a type this version does not know
+}
 
 }  // namespace
 
@@ -192,48 +202,7 @@ std::optional<LDMessage> LDDecodeMessage(std::string_view packet, size_t descrip
   uint32_t magic;
   uint16_t type;
   if (!reader.u32(magic) || magic != LDWireMagic || !reader.u16(type)) return std::nullopt;
-  std::optional<LDMessage> message;
-  switch (static_cast<LDMessageType>(type)) {
-    case LDMessageType::hello:
-      message = LDHelloMessage{};
-      break;
-    case LDMessageType::request: {
-      LDRequestMessage m{};
-      if (!reader.i64(m.protocolVersion)) return std::nullopt;
-      message = m;
-      break;
-    }
-    case LDMessageType::requestReply: {
-      LDRequestReplyMessage m{};
-      if (!reader.i64(m.protocolVersion) || !reader.i64(m.status) || !reader.string(m.token) ||
-          !reader.u8(m.handles) || !reader.i32(m.helperProcessIdentifier) || !reader.string(m.message)) {
-        return std::nullopt;
-      }
-      if ((m.handles & ~(LDWireHandleIPv4 | LDWireHandleIPv6)) != 0) return std::nullopt;
-      message = std::move(m);
-      break;
-    }
-    case LDMessageType::complete: {
-      LDCompleteMessage m{};
-      uint8_t accepted;
-      if (!reader.i64(m.protocolVersion) || !reader.string(m.token) || !reader.u8(accepted)) {
-        return std::nullopt;
-      }
-      m.accepted = accepted != 0;
-      message = std::move(m);
-      break;
-    }
-    case LDMessageType::completeReply: {
-      LDCompleteReplyMessage m{};
-      if (!reader.i64(m.protocolVersion) || !reader.i64(m.status) || !reader.string(m.message)) {
-        return std::nullopt;
-      }
-      message = std::move(m);
-      break;
-    }
-    default:
-      return std::nullopt;
-  }
-  if (!reader.atEnd() || LDDescriptorCount(*message) != descriptorCount) return std::nullopt;
+  std::optional<LDMessage> message = readBody(reader, static_cast<LDMessageType>(type));
+  if (!message || !reader.atEnd() || LDDescriptorCount(*message) != descriptorCount) return std::nullopt;
   return message;
 }

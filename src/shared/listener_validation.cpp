@@ -28,58 +28,51 @@ bool LDSocketOption(int fd, int level, int optionName, int* value, LDErrorPlace 
   return true;
 }
 
+namespace {
+
+// Sets close-on-exec and reads it back: a descriptor that does not keep the flag is refused
+// (deliberately reported as a failed check, not as a failed system call).
+bool keepsCloseOnExec(int fd, const LDListenerEndpoint& expected, LDErrorPlace error, LDSystemCalls& systemCalls) {
+  if (!LDSetCloseOnExec(fd, error, systemCalls)) return false;
+  const LDSystemCallResult flags = systemCalls.fcntl(fd, F_GETFD, 0);
+  if (flags.value >= 0 && (flags.value & FD_CLOEXEC) != 0) return true;
+  if (error) *error = LDEndpointError("FD_CLOEXEC is not set for " + expected.description());
+  return false;
+}
+
+bool isStreamSocket(int fd, const LDListenerEndpoint& received, LDErrorPlace error, LDSystemCalls& systemCalls) {
+  int type = 0;
+  if (!LDSocketOption(fd, SOL_SOCKET, SO_TYPE, &type, error, systemCalls)) return false;
+  if (type == SOCK_STREAM) return true;
+  if (error) *error = LDEndpointError("Received " + received.description() + " is not SOCK_STREAM");
+  return false;
+}
+
+// An IPv6 listener must be IPv6-only, or it would also take the IPv4 connections of its port.
+bool isIPv6OnlyIfIPv6(int fd, const LDListenerEndpoint& received, LDErrorPlace error, LDSystemCalls& systemCalls) {
+  if (received.family() != AF_INET6) return true;
+  int v6only = 0;
+  if (!LDSocketOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6only, error, systemCalls)) return false;
+  if (v6only == 1) return true;
+  if (error) *error = LDEndpointError("Received " + received.description() + " is not IPv6-only");
+  return false;
+}
+
+}  // namespace
+
 bool LDLoopbackListeners::validateReceivedFileDescriptor(int fd,
                                                          const LDListenerEndpoint& expected,
                                                          LDErrorPlace error,
                                                          LDSystemCalls& systemCalls) {
-  if (!LDSetCloseOnExec(fd, error, systemCalls)) {
-    return false;
-  }
-  // Deliberately reported as a failed check, not as a failed system call.
-  const LDSystemCallResult flags = systemCalls.fcntl(fd, F_GETFD, 0);
-  if (flags.value < 0 || (flags.value & FD_CLOEXEC) == 0) {
-    if (error) *error = LDEndpointError("FD_CLOEXEC is not set for " + expected.description());
-    return false;
-  }
-
-  const std::optional<LDListenerEndpoint> received =
-      endpointForFileDescriptor(fd, error, systemCalls);
-  if (!received) {
-    return false;
-  }
+  if (!keepsCloseOnExec(fd, expected, error, systemCalls)) return false;
+  const std::optional<LDListenerEndpoint> received = endpointForFileDescriptor(fd, error, systemCalls);
+  if (!received) return false;
   if (!received->isEqualToEndpoint(&expected)) {
-    if (error) {
-      *error = LDEndpointError("Expected " + expected.description() + ", received " +
-                               received->description());
-    }
+    if (error) *error = LDEndpointError("Expected " + expected.description() + ", received " + received->description());
     return false;
   }
-
-  int type = 0;
-  if (!LDSocketOption(fd, SOL_SOCKET, SO_TYPE, &type, error, systemCalls)) {
-    return false;
-  }
-  if (type != SOCK_STREAM) {
-    if (error) *error = LDEndpointError("Received " + received->description() + " is not SOCK_STREAM");
-    return false;
-  }
-
-  if (!validateAccepting(fd, *received, error, systemCalls)) {
-    return false;
-  }
-
-  if (expected.family() != AF_INET6) {
-    return true;
-  }
-  int v6only = 0;
-  if (!LDSocketOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, &v6only, error, systemCalls)) {
-    return false;
-  }
-  if (v6only == 1) {
-    return true;
-  }
-  if (error) *error = LDEndpointError("Received " + received->description() + " is not IPv6-only");
-  return false;
+  return isStreamSocket(fd, *received, error, systemCalls) && validateAccepting(fd, *received, error, systemCalls) &&
+         isIPv6OnlyIfIPv6(fd, *received, error, systemCalls);
 }
 
 bool LDLoopbackListeners::validateAccepting(int fd, const LDListenerEndpoint& endpoint,

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "shared/hex.h"
+
 namespace {
 
 struct Range {
@@ -22,11 +24,6 @@ constexpr Range kInvisible[] = {
     {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a}, {0xe0000, 0xe0fff},
 };
 
-void appendHex(std::string& out, uint32_t value, int digits) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) out.push_back(kDigits[(value >> shift) & 0xf]);
-}
-
 std::string escape(std::string_view text, bool backslash) {
   std::string out;
   out.reserve(text.size());
@@ -35,11 +32,11 @@ std::string escape(std::string_view text, bool backslash) {
     const size_t length = LDDecodeUTF8(text, at, &codePoint);
     if (length == 0 || (length == 1 && (LDIsInvisible(codePoint) || (backslash && codePoint == '\\')))) {
       out += "\\x";
-      appendHex(out, static_cast<uint8_t>(text[at]), 2);
+      LDAppendHex(out, static_cast<uint8_t>(text[at]), 2);
       ++at;
     } else if (LDIsInvisible(codePoint)) {
       out += "\\u{";
-      appendHex(out, codePoint, codePoint > 0xffff ? 5 : 4);  // kInvisible ends at U+E0FFF
+      LDAppendHex(out, codePoint, codePoint > 0xffff ? 5 : 4);  // kInvisible ends at U+E0FFF
       out += "}";
       at += length;
     } else {
@@ -56,30 +53,6 @@ bool LDIsInvisible(uint32_t codePoint) {
   const Range* after = std::upper_bound(std::begin(kInvisible), std::end(kInvisible), codePoint,
                                         [](uint32_t value, const Range& range) { return value < range.first; });
   return after != std::begin(kInvisible) && codePoint <= std::prev(after)->last;
-}
-
-size_t LDDecodeUTF8(std::string_view text, size_t at, uint32_t* codePoint) {
-  const auto lead = static_cast<uint8_t>(text[at]);
-  size_t length = 1;
-  uint32_t minimum = 0, value = lead;
-  if (lead >= 0xf0 && lead <= 0xf4) {
-    length = 4, minimum = 0x10000, value = lead & 0x07u;
-  } else if (lead >= 0xe0 && lead <= 0xef) {
-    length = 3, minimum = 0x800, value = lead & 0x0fu;
-  } else if (lead >= 0xc2 && lead <= 0xdf) {
-    length = 2, minimum = 0x80, value = lead & 0x1fu;
-  } else if (lead >= 0x80) {
-    return 0;
-  }
-  if (text.size() - at < length) return 0;
-  for (size_t k = 1; k < length; ++k) {
-    const auto next = static_cast<uint8_t>(text[at + k]);
-    if ((next & 0xc0) != 0x80) return 0;
-    value = value << 6 | (next & 0x3fu);
-  }
-  if (value < minimum || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) return 0;
-  *codePoint = value;
-  return length;
 }
 
 std::string LDPrintable(std::string_view text) { return escape(text, true); }

@@ -5,15 +5,11 @@
 // or a character that shows nothing must not be able to start a line of its own, rewrite what
 // the reader sees, or look like another name.
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-// The length (1 to 4) of the well-formed UTF-8 sequence at text[at], its code point in
-// *codePoint; 0 when none starts there (shortest forms only, no surrogates, nothing above
-// U+10FFFF).
-size_t LDDecodeUTF8(std::string_view text, size_t at, uint32_t* codePoint);
+#include "shared/utf8.h"
 
 // Whether a code point shows nothing on its own: Unicode's controls (Cc), format characters
 // (Cf, the bidirectional controls and tags among them), line and paragraph separators (Zl, Zp),

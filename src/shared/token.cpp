@@ -1,6 +1,7 @@
 #include <array>
 #include <cstdint>
 
+#include "shared/hex.h"
 #include "shared/token.h"
 
 namespace {
@@ -18,12 +19,5 @@ std::optional<std::string> LDUnpredictableToken(LDErrorPlace error, LDSystemCall
     if (error) *error = LDSigningError("SecRandomCopyBytes failed");
     return std::nullopt;
   }
-  static constexpr char kHexDigits[] = "0123456789abcdef";
-  std::string token;
-  token.reserve(2 * kTokenBytes);
-  for (const uint8_t byte : bytes) {
-    token.push_back(kHexDigits[byte >> 4]);
-    token.push_back(kHexDigits[byte & 0x0f]);
-  }
-  return token;
+  return LDHex(bytes.data(), bytes.size());
 }

@@ -9,6 +9,8 @@
 #include <charconv>
 #include <memory>
 
+#include "shared/hex.h"
+
 namespace {
 
 constexpr std::string_view kManifestHeader = "ld-codesign-manifest 1";
@@ -86,17 +88,6 @@ bool LDDigestOfDescriptor(int fd, uint64_t size, std::array<uint8_t, 32>& digest
   }
   sha256_digest(&context, digest.size(), digest.data());
   return true;
-}
-
-std::string LDHex(const uint8_t* bytes, size_t length) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string hex;
-  hex.reserve(2 * length);
-  for (size_t i = 0; i < length; ++i) {
-    hex.push_back(kDigits[bytes[i] >> 4]);
-    hex.push_back(kDigits[bytes[i] & 0x0f]);
-  }
-  return hex;
 }
 
 std::string LDFormatManifest(const LDSignatureManifest& manifest) {

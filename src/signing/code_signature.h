@@ -103,8 +103,6 @@ inline LDBytes LDBytesOf(std::string_view text) {
   return LDBytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());
 }
 
-std::string LDHex(const uint8_t* bytes, size_t length);
-
 // Reads exactly length bytes at offset (retrying EINTR); false on a short read or an error.
 bool LDReadFully(int fd, uint64_t offset, char* buffer, size_t length);
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "shared/hex.h"
 #include "shared/printable.h"
 #include "signing/code_signing.h"
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "shared/hex.h"
 #include "shared/printable.h"
 #include "signing/code_signing.h"
 #include "tools/code_signer.h"

@@ -1,0 +1,3 @@
+#include "helper/helper_settings.h"
+
+LDHelperSettings LDHelperSettingsOfThisBuild() { return {}; }
