@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
         inspected.kind = LDKeeperReportKind::inspected;
         (void)LDSendRecord(start.channel.fileDescriptor(), inspected);
       },
-      ::fork, &errorNumber);
+      LDSystemCalls::real(), &errorNumber);
   if (!zygote) ldbench::die("no zygote");
   // From here on the process runs a second thread, as the helper's monitor does.
   std::thread utility([] { ::pause(); });

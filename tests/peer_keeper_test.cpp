@@ -108,7 +108,7 @@ void reportThePin(LDKeeperStart& start) {
 
 TEST(KeeperZygote, HandsEachKeeperThePinAsMade) {
   int errorNumber = 0;
-  std::optional<LDKeeperZygote> zygote = LDKeeperZygote::start(reportThePin, ::fork, &errorNumber);
+  std::optional<LDKeeperZygote> zygote = LDKeeperZygote::start(reportThePin, LDSystemCalls::real(), &errorNumber);
   ASSERT_TRUE(zygote) << errorNumber;
   for (const bool pinned : {true, false}) {
     for (const bool fromSocket : {true, false}) {

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "helper/service_listener.h"
@@ -20,8 +21,6 @@
 #include "support/test_pki.h"
 
 namespace {
-
-int acceptCalls = 0;
 
 // Takes every call and answers none.
 class Silent final : public LDListenerHandoff {
@@ -235,25 +234,29 @@ TEST_F(ServiceListenerTest, AClientArrivingOnceTheTransferIsOverWaitsForTheNextH
   EXPECT_EQ(seen(late), "nothing");
 }
 
-int failingFork() {
-  static int calls = 0;
-  errno = EAGAIN;
-  return ++calls == 1 ? -1 : ::fork();
-}
-
-int emfileAccept(int, sockaddr*, socklen_t*, int) {
-  ++acceptCalls;
-  errno = EMFILE;
-  return -1;
-}
-
-int ignoreKill(int, int) { return 0; }
+// The kernel's calls, with those a row picks refused.
+class Refusing final : public LDSystemCalls {
+ public:
+  bool failFirstFork = false;  // in the zygote, for the first keeper
+  bool ignoreKill = false;
+  bool emfileAccept = false;
+  int accepts = 0;
+  pid_t fork() override { return std::exchange(failFirstFork, false) ? (errno = EAGAIN, -1) : LDSystemCalls::fork(); }
+  LDSystemCallResult pidfd_send_signal(int pidfd, int signal) override {
+    return ignoreKill ? LDSystemCallResult{0, 0} : LDSystemCalls::pidfd_send_signal(pidfd, signal);
+  }
+  LDSystemCallResult accept4(int fd, sockaddr* address, socklen_t* length, int flags) override {
+    ++accepts;
+    return emfileAccept ? LDSystemCallResult{-1, EMFILE} : LDSystemCalls::accept4(fd, address, length, flags);
+  }
+};
 
 // Kernel refusals: a keeper that cannot be started refuses that peer only; accept out of
 // descriptors rests instead of spinning; a killed keeper that does not die stops the accepting
 // and, with no connection left, ends the helper with 1.
 TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin) {
-  static const LDServiceListener::Calls noFork{::accept4, failingFork, LDServiceListener::kSystemCalls.kill};
+  static Refusing noFork, undying, emfile;  // outlive the listeners
+  noFork.failFirstFork = true;
   listener->setSystemCalls(noFork);
   ASSERT_TRUE(listener->activate());
   const LDFileHandle refused = connect(), served = connect();
@@ -261,7 +264,7 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   // reference), shut down so that the peer knows at once.
   EXPECT_TRUE(runUntil([&] { return seen(refused) == "closed" && seen(served) == "hello"; }));
 
-  static const LDServiceListener::Calls undying{::accept4, ::fork, ignoreKill};
+  undying.ignoreKill = true;
   std::optional<int> terminated;
   listenAt("second.sock");
   listener->setExamination([](int socket, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
@@ -283,14 +286,14 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   EXPECT_EQ(seen(late), "nothing") << "no longer accepting";
 
   listenAt("third.sock");
-  static const LDServiceListener::Calls emfile{emfileAccept, ::fork, LDServiceListener::kSystemCalls.kill};
+  emfile.emfileAccept = true;
   listener->setSystemCalls(emfile);
   listener->setTiming({.acceptRetry = 100'000'000});
   ASSERT_TRUE(listener->activate());
   const LDFileHandle waiting = connect();
   runUntil([] { return false; }, 350'000'000);
-  EXPECT_GE(acceptCalls, 2) << "accepting resumes";
-  EXPECT_LE(acceptCalls, 6) << "once every 100 ms, not in a loop";
+  EXPECT_GE(emfile.accepts, 2) << "accepting resumes";
+  EXPECT_LE(emfile.accepts, 6) << "once every 100 ms, not in a loop";
 }
 
 }  // namespace

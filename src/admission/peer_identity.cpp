@@ -17,7 +17,7 @@
 #include <cstring>
 
 #include "admission/parser_sandbox.h"
-#include "platform/pidfd.h"
+#include "shared/pidfd.h"
 
 namespace {
 

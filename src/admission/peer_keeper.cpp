@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/pidfd.h"
+#include "shared/pidfd.h"
 #include "platform/seqpacket.h"
 
 namespace {
@@ -90,7 +90,7 @@ bool waitReadable(int socket, int milliseconds = -1) {
 }
 
 [[noreturn]] void runZygote(int channel, int nullDevice, pid_t monitor, const LDKeeperMain& keeperMain,
-                            pid_t (*forkKeeper)()) {
+                            LDSystemCalls& calls) {
   if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != monitor) ::_exit(1);
   const int keep[] = {channel};
   if (!LDKeepOnlyDescriptors(nullDevice, keep, 1)) ::_exit(1);
@@ -109,7 +109,7 @@ bool waitReadable(int socket, int milliseconds = -1) {
     SpawnReply reply{-1};
     LDFileHandle pidfd;
     if (descriptors.size() == (request.pinned != 0 ? kSpawnDescriptors : 2)) {
-      const pid_t keeper = forkKeeper();
+      const pid_t keeper = calls.fork();
       if (keeper == 0) runKeeper(request, descriptors, nullDevice, zygote, keeperMain);
       // Never exits by itself, so the number still names it.
       if (keeper > 0) pidfd.reset(LDOpenPidfd(keeper));
@@ -148,7 +148,7 @@ void LDAwaitKeeperEnd() {
   for (;;) ::pause();
 }
 
-std::optional<LDKeeperZygote> LDKeeperZygote::start(LDKeeperMain keeperMain, pid_t (*fork)(), int* errorNumber) {
+std::optional<LDKeeperZygote> LDKeeperZygote::start(LDKeeperMain keeperMain, LDSystemCalls& calls, int* errorNumber) {
   int pair[2];
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
     *errorNumber = errno;
@@ -166,7 +166,7 @@ std::optional<LDKeeperZygote> LDKeeperZygote::start(LDKeeperMain keeperMain, pid
     *errorNumber = errno;
     return std::nullopt;
   }
-  if (zygote == 0) runZygote(zygoteEnd.fileDescriptor(), nullDevice.fileDescriptor(), monitor, keeperMain, fork);
+  if (zygote == 0) runZygote(zygoteEnd.fileDescriptor(), nullDevice.fileDescriptor(), monitor, keeperMain, calls);
   LDFileHandle pidfd(LDOpenPidfd(zygote));
   if (!pidfd.isValid()) {
     *errorNumber = errno;

@@ -28,6 +28,7 @@
 #include "admission/verified_executable_records.h"
 #include "protocol/wire.h"
 #include "shared/file_handle.h"
+#include "shared/system_calls.h"
 
 // Keeper -> monitor.
 enum class LDKeeperReportKind : uint8_t {
@@ -103,8 +104,8 @@ class LDKeeperZygote {
   };
 
   // Forks the zygote, which keeps only its channel and /dev/null. Call before any thread starts.
-  // fork is the call the zygote makes each keeper with (replaceable for tests).
-  static std::optional<LDKeeperZygote> start(LDKeeperMain keeperMain, pid_t (*fork)(), int* errorNumber);
+  // The zygote makes each keeper with calls.fork(), which a test may make fail.
+  static std::optional<LDKeeperZygote> start(LDKeeperMain keeperMain, LDSystemCalls& calls, int* errorNumber);
 
   LDKeeperZygote(LDKeeperZygote&&) noexcept = default;
   LDKeeperZygote& operator=(LDKeeperZygote&&) noexcept = default;

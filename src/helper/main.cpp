@@ -64,11 +64,14 @@ int main() {
   if (!socket) return fail(problem);
 
   const LDHelperSettings settings = LDHelperSettingsOfThisBuild();
-  LDRunLoop runLoop;
+  // Every call to the kernel that a test replaces goes through this one seam, handed down.
+  LDSystemCalls& kernel = LDSystemCalls::real();
+  LDRunLoop runLoop(kernel);
   int errorNumber = 0;
   const int activatedSocket = socket->fileDescriptor();  // owned by the listener from here on
   if (!runLoop.isValid(&errorNumber)) return cannotServe(activatedSocket, systemCallFailure("epoll_create1", errorNumber));
   LDServiceListener listener(std::move(*socket), runLoop);
+  listener.setSystemCalls(kernel);
   listener.setConnectionCodeSigningRequirement(*requirement);
   listener.setAdmissionPolicy(settings.admission);
   listener.setTiming(settings.timing);
@@ -78,7 +81,7 @@ int main() {
   LDUtilityQueue utilityQueue;
   const std::shared_ptr<LDListenerService> service = LDListenerService::initWithPort(
       LDListenerPort, settings.acknowledgementTimeout, settings.replyBarrierFallbackTimeout, nullptr,
-      [](int32_t status) { std::exit(status); }, utilityQueue);
+      [](int32_t status) { std::exit(status); }, utilityQueue, kernel);
   LDListenerServiceDelegate delegate(service);
   listener.setDelegate(&delegate);
   listener.setAcceptsWhile([&service] { return service->state() != LDListenerServiceStateFinished; });

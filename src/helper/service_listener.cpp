@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "helper/helper_connection.h"
-#include "platform/pidfd.h"
+#include "shared/pidfd.h"
 
 namespace {
 
@@ -85,8 +85,6 @@ class MonitorProxy final : public LDListenerHandoff {
 };
 
 }  // namespace
-
-const LDServiceListener::Calls LDServiceListener::kSystemCalls = {::accept4, ::fork, LDSendSignal};
 
 // --- The monitor's side of an admitted connection.
 
@@ -183,7 +181,7 @@ LDServiceListener::~LDServiceListener() {
     _runLoop.unwatch(keeper.channel.fileDescriptor());
     _runLoop.unwatch(keeper.pidfd.fileDescriptor());
     keeper.channel.reset();
-    (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
+    (void)_calls->pidfd_send_signal(keeper.pidfd.fileDescriptor(), SIGKILL);
   }
 }
 
@@ -207,7 +205,7 @@ bool LDServiceListener::activate(int* errorNumber) {
     *failure = errno;
     return false;
   }
-  _zygote = LDKeeperZygote::start([this](LDKeeperStart& start) { serveInKeeper(start); }, _calls->fork, failure);
+  _zygote = LDKeeperZygote::start([this](LDKeeperStart& start) { serveInKeeper(start); }, *_calls, failure);
   if (!_zygote) return false;
   _accepting = _runLoop.watch(_socket.fileDescriptor(), EPOLLIN, [this](uint32_t) { acceptConnections(); }, failure);
   return _accepting;
@@ -216,10 +214,11 @@ bool LDServiceListener::activate(int* errorNumber) {
 void LDServiceListener::acceptConnections() {
   while (takesConnections() && _keepers.size() < kMaximumConnections) {
     const uint64_t acceptedAfter = LDBootTimeTicks();
-    const int accepted = _calls->accept(_socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    const int failure = accepted >= 0 ? 0 : errno;
-    if (accepted >= 0) {
-      startKeeper(LDFileHandle(accepted), acceptedAfter);
+    const LDSystemCallResult accepted =
+        _calls->accept4(_socket.fileDescriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int failure = accepted.errorNumber;
+    if (accepted.value >= 0) {
+      startKeeper(LDFileHandle(static_cast<int>(accepted.value)), acceptedAfter);
     } else if (failure == EAGAIN) {
       return;
     } else if (failure != EINTR && failure != ECONNABORTED) {
@@ -284,7 +283,7 @@ void LDServiceListener::startKeeper(LDFileHandle socket, uint64_t acceptedAfter)
   keeper.channel = std::move(channel);
   keeper.pidfd = std::move(spawned->pidfd);
   if (!_runLoop.watch(keeper.pidfd.fileDescriptor(), EPOLLIN, [this, serial](uint32_t) { exited(serial); })) {
-    (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
+    (void)_calls->pidfd_send_signal(keeper.pidfd.fileDescriptor(), SIGKILL);
     keepUntilExit(std::move(keeper.channel));
     _keepers.erase(serial);  // abandoned: it dies, and the zygote reaps it
     return;
@@ -369,7 +368,7 @@ void LDServiceListener::end(uint64_t serial) {
   _runLoop.unwatch(keeper.channel.fileDescriptor());
   keepUntilExit(std::move(keeper.channel));
   // The keeper holds the peer's socket; dying is how it lets go of it, its linger skipped.
-  (void)_calls->kill(keeper.pidfd.fileDescriptor(), SIGKILL);
+  (void)_calls->pidfd_send_signal(keeper.pidfd.fileDescriptor(), SIGKILL);
   // Still there then: SIGKILL did not end it, so no admission can be relied on to end.
   keeper.timer = _runLoop.runAt(LDRunLoop::now() + _timing.killedKeeper, [this] { windDown(); });
 }

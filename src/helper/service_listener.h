@@ -99,14 +99,6 @@ class LDServiceListener {
   // requirement and policy set below.
   using Examination = std::function<std::optional<LDPeerVerdict>(
       int socket, const LDPinnedPeer& peer, uint64_t acceptedAfter, const std::function<void()>& inspected)>;
-  // The calls that start and end keepers, replaceable so that a test can make them fail.
-  struct Calls {
-    int (*accept)(int socket, sockaddr* address, socklen_t* length, int flags);
-    pid_t (*fork)();                     // in the zygote, for each keeper
-    int (*kill)(int pidfd, int signal);  // pidfd_send_signal
-  };
-  static const Calls kSystemCalls;
-
   LDServiceListener(LDFileHandle listeningSocket, LDRunLoop& runLoop,
                     const LDTrustAnchors& anchors = LDTrustAnchors::compiledIn());
   ~LDServiceListener();
@@ -116,7 +108,9 @@ class LDServiceListener {
   void setAdmissionPolicy(const LDAdmissionPolicy& policy) { _policy = policy; }
   void setExamination(Examination examination) { _examination = std::move(examination); }
   void setTiming(const Timing& timing) { _timing = timing; }
-  void setSystemCalls(const Calls& calls) { _calls = &calls; }
+  // The calls that accept, start keepers (fork, in the zygote) and end them
+  // (pidfd_send_signal); they must outlive the listener.
+  void setSystemCalls(LDSystemCalls& calls) { _calls = &calls; }
   // Called once, with 1, when admissions can no longer be ended and no connection is left, or
   // when no more keepers can be made.
   void setTerminate(std::function<void(int status)> terminate) { _terminate = std::move(terminate); }
@@ -163,7 +157,7 @@ class LDServiceListener {
   LDAdmissionPolicy _policy;
   Examination _examination;
   Timing _timing;
-  const Calls* _calls = &kSystemCalls;
+  LDSystemCalls* _calls = &LDSystemCalls::real();
   std::function<void(int)> _terminate;
   std::function<bool()> _acceptsWhile;
   LDServiceListenerDelegate* _delegate = nullptr;

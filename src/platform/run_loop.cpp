@@ -6,10 +6,10 @@
 #include <utility>
 #include <vector>
 
-const LDRunLoop::Calls LDRunLoop::kSystemCalls = {::epoll_create1, ::epoll_wait, ::epoll_ctl};
-
-LDRunLoop::LDRunLoop(const Calls& calls) : _calls(calls), _epoll(_calls.create(EPOLL_CLOEXEC)) {
-  _creationError = _epoll.isValid() ? 0 : errno;
+LDRunLoop::LDRunLoop(LDSystemCalls& calls) : _calls(calls) {
+  const LDSystemCallResult created = _calls.epoll_create1(EPOLL_CLOEXEC);
+  _epoll.reset(static_cast<int>(created.value));
+  _creationError = created.errorNumber;
 }
 
 bool LDRunLoop::isValid(int* errorNumber) const {
@@ -22,7 +22,7 @@ bool LDRunLoop::watch(int fd, uint32_t events, Handler handler, int* errorNumber
   epoll_event event{};
   event.events = events;
   event.data.fd = fd;
-  const int failure = _calls.control(_epoll.fileDescriptor(), EPOLL_CTL_ADD, fd, &event) == 0 ? 0 : errno;
+  const int failure = _calls.epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_ADD, fd, &event).errorNumber;
   if (failure != 0) {
     if (errorNumber) *errorNumber = failure;
     return false;
@@ -36,11 +36,11 @@ void LDRunLoop::modify(int fd, uint32_t events) {
   epoll_event event{};
   event.events = events;
   event.data.fd = fd;
-  (void)_calls.control(_epoll.fileDescriptor(), EPOLL_CTL_MOD, fd, &event);
+  (void)_calls.epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_MOD, fd, &event);
 }
 
 void LDRunLoop::unwatch(int fd) {
-  (void)_calls.control(_epoll.fileDescriptor(), EPOLL_CTL_DEL, fd, nullptr);
+  (void)_calls.epoll_ctl(_epoll.fileDescriptor(), EPOLL_CTL_DEL, fd, nullptr);
   _watches.erase(fd);
 }
 
@@ -68,10 +68,12 @@ bool LDRunLoop::run(int* errorNumber) {
       const int64_t wait = _timers.begin()->first - now();
       timeout = wait <= 0 ? 0 : static_cast<int>(std::min<int64_t>(wait / 1'000'000 + 1, 60'000));
     }
-    int ready = _calls.wait(_epoll.fileDescriptor(), events.data(), static_cast<int>(events.size()), timeout);
+    const LDSystemCallResult waited =
+        _calls.epoll_wait(_epoll.fileDescriptor(), events.data(), static_cast<int>(events.size()), timeout);
+    int ready = static_cast<int>(waited.value);
     if (ready < 0) {
-      if (errno != EINTR) {
-        if (errorNumber) *errorNumber = errno;
+      if (waited.errorNumber != EINTR) {
+        if (errorNumber) *errorNumber = waited.errorNumber;
         return false;
       }
       ready = 0;  // a signal: look at the timers and wait again

@@ -9,21 +9,15 @@
 
 #include "shared/file_handle.h"
 #include "shared/monotonic_clock.h"
+#include "shared/system_calls.h"
 
 struct epoll_event;
 
 class LDRunLoop {
  public:
   using Handler = std::function<void(uint32_t events)>;
-  // The epoll calls, replaceable so that a test can make them fail.
-  struct Calls {
-    int (*create)(int flags);
-    int (*wait)(int epoll, struct epoll_event* events, int count, int timeout);
-    int (*control)(int epoll, int operation, int fd, struct epoll_event* event);
-  };
-  static const Calls kSystemCalls;
-
-  explicit LDRunLoop(const Calls& calls = kSystemCalls);
+  // calls reaches epoll, and must outlive the loop.
+  explicit LDRunLoop(LDSystemCalls& calls = LDSystemCalls::real());
   LDRunLoop(const LDRunLoop&) = delete;
   LDRunLoop& operator=(const LDRunLoop&) = delete;
 
@@ -55,7 +49,7 @@ class LDRunLoop {
     uint64_t generation;
     Handler handler;
   };
-  const Calls _calls;
+  LDSystemCalls& _calls;
   LDFileHandle _epoll;
   int _creationError = 0;
   std::map<int, Watch> _watches;

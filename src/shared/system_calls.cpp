@@ -2,10 +2,13 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "shared/pidfd.h"
 
 namespace {
 
@@ -75,4 +78,24 @@ LDSystemCallResult LDSystemCalls::inet_ntop(int family, const void* address, cha
 LDSystemCallResult LDSystemCalls::getrandom(void* buffer, size_t length, unsigned flags) {
   const ssize_t written = ::getrandom(buffer, length, flags);
   return {written, written == -1 ? errno : 0};
+}
+
+LDSystemCallResult LDSystemCalls::epoll_create1(int flags) { return fromInt(::epoll_create1(flags)); }
+
+LDSystemCallResult LDSystemCalls::epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
+  return fromInt(::epoll_ctl(epoll, operation, fd, event));
+}
+
+LDSystemCallResult LDSystemCalls::epoll_wait(int epoll, epoll_event* events, int count, int timeoutMilliseconds) {
+  return fromInt(::epoll_wait(epoll, events, count, timeoutMilliseconds));
+}
+
+LDSystemCallResult LDSystemCalls::accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+  return fromInt(::accept4(fd, address, length, flags));
+}
+
+pid_t LDSystemCalls::fork() { return ::fork(); }
+
+LDSystemCallResult LDSystemCalls::pidfd_send_signal(int pidfd, int signal) {
+  return fromInt(LDSendSignal(pidfd, signal));
 }

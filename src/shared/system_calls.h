@@ -7,9 +7,12 @@
 // seam ever reads errno.
 
 #include <poll.h>
+#include <sys/types.h>
 #include <sys/socket.h>
 
 #include <cstddef>
+
+struct epoll_event;
 
 struct LDSystemCallResult {
   long value;       // what the call returned
@@ -47,4 +50,13 @@ class LDSystemCalls {
                                        socklen_t size);
   // value: the number of bytes written into buffer, or -1.
   virtual LDSystemCallResult getrandom(void* buffer, size_t length, unsigned flags);
+
+  // The helper's run loop and listener.
+  virtual LDSystemCallResult epoll_create1(int flags);
+  virtual LDSystemCallResult epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
+  virtual LDSystemCallResult epoll_wait(int epoll, epoll_event* events, int count, int timeoutMilliseconds);
+  virtual LDSystemCallResult accept4(int fd, sockaddr* address, socklen_t* length, int flags);
+  // Called in the keepers' zygote, once for each keeper.
+  virtual pid_t fork();
+  virtual LDSystemCallResult pidfd_send_signal(int pidfd, int signal);
 };

@@ -1,4 +1,4 @@
-#include "platform/pidfd.h"
+#include "shared/pidfd.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>
