@@ -1,6 +1,5 @@
 #include "admission/verified_executable_records.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -11,11 +10,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "shared/directory_listing.h"
 #include "shared/hex.h"
 
 namespace {
@@ -125,11 +124,10 @@ bool atOrBefore(const LDFileTime& time, int64_t limit) {
   return time.nanoseconds <= limit % 1'000'000'000;
 }
 
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+// The version of the file open as fd, read without asking its file system to refresh anything.
+std::optional<LDFileVersion> readFileVersion(int fd) { return versionAt(fd, "", AT_EMPTY_PATH); }
 
 }  // namespace
-
-std::optional<LDFileVersion> LDReadFileVersion(int fd) { return versionAt(fd, "", AT_EMPTY_PATH); }
 
 std::optional<LDVerifiedExecutableRecords> LDVerifiedExecutableRecords::open(const std::string& directory,
                                                                              const LDTrustAnchors& anchors,
@@ -189,15 +187,13 @@ bool LDVerifiedExecutableRecords::settled(const LDFileVersion& version) const {
 // added, when the directory cannot be read or holds far more than records.
 bool LDVerifiedExecutableRecords::makeRoom() const {
   const int directory = _directory.fileDescriptor();
-  LDFileHandle opened(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  Directory listing(opened.isValid() ? ::fdopendir(opened.fileDescriptor()) : nullptr, ::closedir);
-  if (!listing) return false;
-  (void)opened.release();  // closedir closes it
+  LDDirectoryListing listing(directory, ".");
+  if (!listing.isValid()) return false;
   std::vector<std::string> names;
   size_t entries = 0;
-  while (const dirent* entry = ::readdir(listing.get())) {
+  while (const char* name = listing.next()) {
     if (++entries > kMaximumEntries) return false;
-    if (isRecordName(entry->d_name)) names.emplace_back(entry->d_name);
+    if (isRecordName(name)) names.emplace_back(name);
   }
   if (names.size() < kMaximumRecords) return true;
   std::vector<std::tuple<int64_t, uint32_t, std::string>> byAge;
@@ -238,14 +234,14 @@ void LDVerifiedExecutableRecords::record(const LDFileVersion& before, const LDFi
 int32_t LDCheckSignatureWithRecords(int fd, const LDVerifiedExecutableRecords* records, const LDSignatureCheck& check,
                                     std::string* detail, std::optional<LDVerifiedVersion>* verified,
                                     bool* recalled) {
-  const std::optional<LDFileVersion> before = records ? LDReadFileVersion(fd) : std::nullopt;
+  const std::optional<LDFileVersion> before = records ? readFileVersion(fd) : std::nullopt;
   if (before && records->holds(*before)) {
     if (recalled) *recalled = true;
     return LDCodeSigningStatusOK;
   }
   const int32_t status = check(fd, detail);
   if (status == LDCodeSigningStatusOK && before) {
-    if (const std::optional<LDFileVersion> after = LDReadFileVersion(fd)) *verified = LDVerifiedVersion{*before, *after};
+    if (const std::optional<LDFileVersion> after = readFileVersion(fd)) *verified = LDVerifiedVersion{*before, *after};
   }
   return status;
 }

@@ -43,8 +43,6 @@ struct LDFileVersion {
   bool operator==(const LDFileVersion&) const = default;
 };
 
-// The version of the file open as fd, read without asking its file system to refresh anything.
-std::optional<LDFileVersion> LDReadFileVersion(int fd);
 
 class LDVerifiedExecutableRecords {
  public:

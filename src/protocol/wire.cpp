@@ -189,12 +189,18 @@ std::string LDEncodeMessage(const LDMessage& message) {
   return writer.take();
 }
 
-size_t LDDescriptorCount(const LDMessage& message) {
+
+namespace {
+
+// How many descriptors a message carries.
+size_t descriptorCountOf(const LDMessage& message) {
   if (const auto* reply = std::get_if<LDRequestReplyMessage>(&message)) {
     return static_cast<size_t>(std::popcount(reply->handles));
   }
   return 0;
 }
+
+}  // namespace
 
 std::optional<LDMessage> LDDecodeMessage(std::string_view packet, size_t descriptorCount) {
   if (packet.size() > LDWireMaximumPacketSize) return std::nullopt;
@@ -203,6 +209,6 @@ std::optional<LDMessage> LDDecodeMessage(std::string_view packet, size_t descrip
   uint16_t type;
   if (!reader.u32(magic) || magic != LDWireMagic || !reader.u16(type)) return std::nullopt;
   std::optional<LDMessage> message = readBody(reader, static_cast<LDMessageType>(type));
-  if (!message || !reader.atEnd() || LDDescriptorCount(*message) != descriptorCount) return std::nullopt;
+  if (!message || !reader.atEnd() || descriptorCountOf(*message) != descriptorCount) return std::nullopt;
   return message;
 }

@@ -65,5 +65,3 @@ std::string LDEncodeMessage(const LDMessage& message);
 // packet is not exactly one well-formed message with exactly the descriptors it declares.
 std::optional<LDMessage> LDDecodeMessage(std::string_view packet, size_t descriptorCount);
 
-// How many descriptors a message carries.
-size_t LDDescriptorCount(const LDMessage& message);

@@ -24,17 +24,26 @@ constexpr Range kInvisible[] = {
     {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a}, {0xe0000, 0xe0fff},
 };
 
+// Whether a code point shows nothing on its own: Unicode's controls (Cc), format characters
+// (Cf, the bidirectional controls and tags among them), line and paragraph separators (Zl, Zp),
+// and the other default-ignorable code points (variation selectors, Hangul fillers).
+bool isInvisible(uint32_t codePoint) {
+  const Range* after = std::upper_bound(std::begin(kInvisible), std::end(kInvisible), codePoint,
+                                        [](uint32_t value, const Range& range) { return value < range.first; });
+  return after != std::begin(kInvisible) && codePoint <= std::prev(after)->last;
+}
+
 std::string escape(std::string_view text, bool backslash) {
   std::string out;
   out.reserve(text.size());
   for (size_t at = 0; at < text.size();) {
     uint32_t codePoint = 0;
     const size_t length = LDDecodeUTF8(text, at, &codePoint);
-    if (length == 0 || (length == 1 && (LDIsInvisible(codePoint) || (backslash && codePoint == '\\')))) {
+    if (length == 0 || (length == 1 && (isInvisible(codePoint) || (backslash && codePoint == '\\')))) {
       out += "\\x";
       LDAppendHex(out, static_cast<uint8_t>(text[at]), 2);
       ++at;
-    } else if (LDIsInvisible(codePoint)) {
+    } else if (isInvisible(codePoint)) {
       out += "\\u{";
       LDAppendHex(out, codePoint, codePoint > 0xffff ? 5 : 4);  // kInvisible ends at U+E0FFF
       out += "}";
@@ -48,12 +57,6 @@ std::string escape(std::string_view text, bool backslash) {
 }
 
 }  // namespace
-
-bool LDIsInvisible(uint32_t codePoint) {
-  const Range* after = std::upper_bound(std::begin(kInvisible), std::end(kInvisible), codePoint,
-                                        [](uint32_t value, const Range& range) { return value < range.first; });
-  return after != std::begin(kInvisible) && codePoint <= std::prev(after)->last;
-}
 
 std::string LDPrintable(std::string_view text) { return escape(text, true); }
 

@@ -11,11 +11,6 @@
 
 #include "shared/utf8.h"
 
-// Whether a code point shows nothing on its own: Unicode's controls (Cc), format characters
-// (Cf, the bidirectional controls and tags among them), line and paragraph separators (Zl, Zp),
-// and the other default-ignorable code points (variation selectors, Hangul fillers).
-bool LDIsInvisible(uint32_t codePoint);
-
 // Untrusted text with every byte that is not part of well-formed UTF-8 written as \xNN, every
 // invisible code point as \xNN (below U+0080) or \u{NNNN}, and every backslash as \x5c, so that
 // each escape in the result was made here and none was spelled by the text.
