@@ -12,12 +12,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "helper/service_listener.h"
 #include "platform/seqpacket.h"
 #include "support/descriptors.h"
+#include "support/scripted_system_calls.h"
 #include "support/test_pki.h"
 
 namespace {
@@ -234,29 +234,12 @@ TEST_F(ServiceListenerTest, AClientArrivingOnceTheTransferIsOverWaitsForTheNextH
   EXPECT_EQ(seen(late), "nothing");
 }
 
-// The kernel's calls, with those a row picks refused.
-class Refusing final : public LDSystemCalls {
- public:
-  bool failFirstFork = false;  // in the zygote, for the first keeper
-  bool ignoreKill = false;
-  bool emfileAccept = false;
-  int accepts = 0;
-  pid_t fork() override { return std::exchange(failFirstFork, false) ? (errno = EAGAIN, -1) : LDSystemCalls::fork(); }
-  LDSystemCallResult pidfd_send_signal(int pidfd, int signal) override {
-    return ignoreKill ? LDSystemCallResult{0, 0} : LDSystemCalls::pidfd_send_signal(pidfd, signal);
-  }
-  LDSystemCallResult accept4(int fd, sockaddr* address, socklen_t* length, int flags) override {
-    ++accepts;
-    return emfileAccept ? LDSystemCallResult{-1, EMFILE} : LDSystemCalls::accept4(fd, address, length, flags);
-  }
-};
-
 // Kernel refusals: a keeper that cannot be started refuses that peer only; accept out of
 // descriptors rests instead of spinning; a killed keeper that does not die stops the accepting
 // and, with no connection left, ends the helper with 1.
 TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin) {
-  static Refusing noFork, undying, emfile;  // outlive the listeners
-  noFork.failFirstFork = true;
+  static ldtest::ScriptedSystemCalls noFork, undying, emfile;  // outlive the listeners
+  noFork.script("fork", 1, -1, EAGAIN);
   listener->setSystemCalls(noFork);
   ASSERT_TRUE(listener->activate());
   const LDFileHandle refused = connect(), served = connect();
@@ -264,7 +247,7 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   // reference), shut down so that the peer knows at once.
   EXPECT_TRUE(runUntil([&] { return seen(refused) == "closed" && seen(served) == "hello"; }));
 
-  undying.ignoreKill = true;
+  undying.script("pidfd_send_signal", 0, 0, 0);
   std::optional<int> terminated;
   listenAt("second.sock");
   listener->setExamination([](int socket, const LDPinnedPeer&, uint64_t, const std::function<void()>&) {
@@ -286,14 +269,14 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   EXPECT_EQ(seen(late), "nothing") << "no longer accepting";
 
   listenAt("third.sock");
-  emfile.emfileAccept = true;
+  emfile.script("accept4", 0, -1, EMFILE);
   listener->setSystemCalls(emfile);
   listener->setTiming({.acceptRetry = 100'000'000});
   ASSERT_TRUE(listener->activate());
   const LDFileHandle waiting = connect();
   runUntil([] { return false; }, 350'000'000);
-  EXPECT_GE(emfile.accepts, 2) << "accepting resumes";
-  EXPECT_LE(emfile.accepts, 6) << "once every 100 ms, not in a loop";
+  EXPECT_GE(emfile.callCount("accept4"), 2) << "accepting resumes";
+  EXPECT_LE(emfile.callCount("accept4"), 6) << "once every 100 ms, not in a loop";
 }
 
 }  // namespace

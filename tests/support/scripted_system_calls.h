@@ -24,7 +24,8 @@ class ScriptedSystemCalls : public LDSystemCalls {
   // Call names: "socket", "bind", "listen", "connect", "accept", "getsockname", "poll", "dup",
   // "inet_pton", "inet_ntop", "getrandom", "fcntl(F_GETFD)", "fcntl(F_SETFD)", "fcntl(F_SETFL)", and
   // "setsockopt(N)" / "getsockopt(N)" with N one of SO_REUSEADDR, SO_TYPE, SO_ACCEPTCONN,
-  // IPV6_V6ONLY. occurrence counts from 1; 0 means every call of that name.
+  // IPV6_V6ONLY, and "epoll_create1", "epoll_ctl", "epoll_wait", "accept4", "fork" (counted in the
+  // process that forks), "pidfd_send_signal". occurrence counts from 1; 0 means every call of that name.
   void script(const std::string& call, int occurrence, long value, int errorNumber, std::optional<int> optionValue = {}) {
     _scripts[{call, occurrence}] = Scripted{value, errorNumber, optionValue};
   }
@@ -52,6 +53,11 @@ class ScriptedSystemCalls : public LDSystemCalls {
               (int fd, int c, int a), (fd, c, a))
   LD_SCRIPTED(inet_pton, "inet_pton", (int f, const char* t, void* a), (f, t, a))
   LD_SCRIPTED(inet_ntop, "inet_ntop", (int f, const void* a, char* t, socklen_t s), (f, a, t, s))
+  LD_SCRIPTED(epoll_create1, "epoll_create1", (int f), (f))
+  LD_SCRIPTED(epoll_ctl, "epoll_ctl", (int e, int o, int fd, epoll_event* v), (e, o, fd, v))
+  LD_SCRIPTED(epoll_wait, "epoll_wait", (int e, epoll_event* v, int c, int t), (e, v, c, t))
+  LD_SCRIPTED(accept4, "accept4", (int fd, sockaddr* a, socklen_t* l, int f), (fd, a, l, f))
+  LD_SCRIPTED(pidfd_send_signal, "pidfd_send_signal", (int fd, int s), (fd, s))
 #undef LD_SCRIPTED
 
   LDSystemCallResult getsockopt(int fd, int level, int name, void* value, socklen_t* length) override {
@@ -60,6 +66,10 @@ class ScriptedSystemCalls : public LDSystemCalls {
       return {s->value, s->errorNumber};
     }
     return LDSystemCalls::getsockopt(fd, level, name, value, length);
+  }
+  pid_t fork() override {
+    if (auto s = next("fork")) return errno = s->errorNumber, static_cast<pid_t>(s->value);
+    return LDSystemCalls::fork();
   }
   LDSystemCallResult getrandom(void* buffer, size_t length, unsigned flags) override {
     if (auto s = next("getrandom")) return {s->value, s->errorNumber};
