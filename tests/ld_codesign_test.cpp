@@ -31,6 +31,7 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
   const std::string program = directory.file("program");
   const std::string signedProgram = directory.file("signed");
   writeFile(program, "some code", 0600);
+  writeFile(directory.file("torn"), "x" + LDFormatSignatureTrailer(1000), 0600);  // a blob longer than the file
   const std::string code = readFile("/bin/true");
   writeFile(signedProgram, code, 0750);
   std::array<uint8_t, 32> digest{};
@@ -94,6 +95,9 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
                 "ld-codesign: " + leaf.keyPath + ": no certificate in the anchor PEM"},
            Case{{tool, "verify", "--requirement"}, 64, "ld-codesign: --requirement needs a value"},
            Case{{tool, "display", program}, 2, "ld-codesign: " + program + " is not signed"},
+           Case{{tool, "display", directory.file("torn")}, 2, "ld-codesign: " + directory.file("torn") + " ends in a malformed signature trailer"},
+           Case{{tool, "verify", "--requirement", "anchor apple generic", "--anchor", directory.file("none"), program}, 2,
+                "ld-codesign: cannot read " + directory.file("none") + ": No such file or directory"},
            Case{{tool, "frobnicate"}, 64, "ld-codesign: unknown command frobnicate"},
            Case{{tool, "sign", "--force", "x", program}, 64, "ld-codesign: unknown option --force"},
        }) {
