@@ -32,11 +32,11 @@ const std::vector<Knob>& knobs() {
                   "intermediate6", "intermediate7", "intermediate8"}},
       {"key", {"p256", "p384", "rsa2048", "rsa1024", "p521", "ed25519"}},
       {"basicConstraints", {"standard", "absent", "caNotCritical", "notCA", "caFalseExplicit", "pathLen0", "pathLen1",
-                            "notCAWithPathLen"}},
+                            "notCAWithPathLen", "notSequence"}},
       {"keyUsage", {"standard", "absent", "digitalSignature", "certSign", "keyEncipherment", "paddingBitsSet",
                     "trailingZeroOctet", "signatureAndCertSign", "unusedBitsShort"}},
       {"extendedKeyUsage", {"standard", "absent", "codeSigning", "serverAuth", "anyExtendedKeyUsage", "serverAuthAndCodeSigning",
-                            "serverAuthAndAny", "empty"}},
+                            "serverAuthAndAny", "empty", "notSequence"}},
       {"authorityKeyIdentifier", {"standard", "absent", "wrongKeyId", "issuerAndSerial", "wrongIssuer", "wrongSerial", "onlyIssuer",
                                   "secondDirectoryName", "emptyKeyId", "issuerSpelledOtherwise", "serialNonMinimal",
                                   "serialNegative", "ownKeyIdEmpty", "onlySerial", "badDirectoryName"}},
@@ -255,6 +255,7 @@ std::string basicConstraints(uint8_t how, bool authority) {
     case 5: return extension("\x55\x1d\x13", true, der(0x30, kTrue + der(0x02, std::string(1, '\0'))));
     case 6: return extension("\x55\x1d\x13", true, der(0x30, kTrue + der(0x02, "\x01")));
     case 7: return extension("\x55\x1d\x13", true, der(0x30, der(0x02, std::string(1, '\0'))));
+    case 8: return extension("\x55\x1d\x13", true, der(0x31, ""));
     default: return extension("\x55\x1d\x13", true, authority ? ca : der(0x30, ""));
   }
 }
@@ -277,6 +278,7 @@ std::string extendedKeyUsage(uint8_t how, bool authority) {
   const std::string code = oid(kCodeSigning), server = oid(kServerAuth), any = oid(std::string_view("\x55\x1d\x25\x00", 4));
   const std::string purposes[] = {authority ? "" : code, "", code, server, any, server + code, server + any, ""};
   if (how == 7) return extension("\x55\x1d\x25", false, der(0x30, ""));
+  if (how == 8) return extension("\x55\x1d\x25", false, der(0x31, code));
   return purposes[how].empty() ? "" : extension("\x55\x1d\x25", false, der(0x30, purposes[how]));
 }
 
