@@ -54,7 +54,7 @@ const std::vector<Knob>& knobs() {
       {"encoding", {"der", "longFormLength"}},
       {"signatureValue", {"der", "rNegative", "sPadded"}},
       {"signerAlgorithm", {"standard", "rsaEncryption", "otherDigest"}},
-      {"manifest", {"standard", "teamDiffers", "malformed", "attributesUnsorted"}},
+      {"manifest", {"standard", "teamDiffers", "malformed", "attributesUnsorted", "contentNotData", "attributeNotData"}},
       {"root", {"standard", "serverAuthOnly", "unknownCritical", "excludesTeam", "permitsTeam"}},
       {"flipAt", numbers(256)},
       {"flipAtHigh", numbers(16)},
@@ -458,7 +458,8 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   const std::string sha256 = der(0x30, oid("\x60\x86\x48\x01\x65\x03\x04\x02\x01"));
   const std::string pkcs9 = "\x2a\x86\x48\x86\xf7\x0d\x01\x09";
   const std::string data = oid("\x2a\x86\x48\x86\xf7\x0d\x01\x07\x01");
-  const std::string contentType = der(0x30, oid(pkcs9 + "\x03") + der(0x31, data));
+  const std::string timeStamp = oid(pkcs9 + "\x10\x01\x04");  // id-ct-TSTInfo: content, but not data
+  const std::string contentType = der(0x30, oid(pkcs9 + "\x03") + der(0x31, manifestHow == 5 ? timeStamp : data));
   const std::string messageDigest =
       der(0x30, oid(pkcs9 + "\x04") + der(0x31, der(0x04, std::string(reinterpret_cast<char*>(digest), digestSize))));
   const std::string attributes = manifestHow == 3 ? messageDigest + contentType : contentType + messageDigest;
@@ -475,7 +476,7 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   for (size_t i = shape == 3 ? 1 : 0; i < chain.size() && (shape != 1 || i == 0); ++i) certificates += chain[i].encoding;
   if (shape == 3) certificates += leaf.encoding;
   if (shape == 2) certificates += root.encoding;
-  const std::string body = der(0x02, "\x01") + der(0x31, sha256) + der(0x30, data + der(0xa0, der(0x04, content))) +
+  const std::string body = der(0x02, "\x01") + der(0x31, sha256) + der(0x30, (manifestHow == 4 ? timeStamp : data) + der(0xa0, der(0x04, content))) +
                            der(0xa0, certificates) + der(0x31, signerInfo);
   return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x07\x02") + der(0xa0, der(0x30, body)));
 }

@@ -214,6 +214,8 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"basicConstraints=notSequence", errSecCSSignatureInvalid},
       {"intermediates=1 target=intermediate1 extendedKeyUsage=notSequence", errSecCSSignatureInvalid},
       {"manifest=attributesUnsorted", errSecCSSignatureInvalid},
+      {"manifest=contentNotData", errSecCSSignatureInvalid},
+      {"manifest=attributeNotData", errSecCSSignatureInvalid},
       {"nameString=printable", 0},
       {"nameString=printableBad", errSecCSSignatureInvalid},
       {"nameString=ia5High", errSecCSSignatureInvalid},
