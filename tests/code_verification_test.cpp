@@ -26,7 +26,8 @@ struct Pki {
   TestPki pki{directory.path()};
   TestIdentity root = pki.makeRoot("Trusted Root");
   TestIdentity leaf = pki.makeLeaf(root, "Leaf");
-  LDTrustAnchors anchors = LDTrustAnchors::fromPEM(TestPki::pemOf(root));
+  std::string anchorError;  // written on failure only
+  LDTrustAnchors anchors = LDTrustAnchors::fromPEM(TestPki::pemOf(root), &anchorError);
 };
 
 Pki& pki() {
@@ -85,6 +86,7 @@ TEST(CodeVerification, ResultAndMessage) {
       {"BrokenRequirement", Change::none, "identifier \"com.example.signed\" and anchor apple", LDCodeVerificationRejected,
        "Unusable code-signing requirement (OSStatus -67052)"},
   };
+  EXPECT_EQ(pki().anchorError, "");
   ldtest::TemporaryDirectory directory;
   const std::string code = randomCode(300'000);
   for (const Case& c : cases) {
