@@ -32,11 +32,11 @@ const std::vector<Knob>& knobs() {
                   "intermediate6", "intermediate7", "intermediate8"}},
       {"key", {"p256", "p384", "rsa2048", "rsa1024", "p521", "ed25519"}},
       {"basicConstraints", {"standard", "absent", "caNotCritical", "notCA", "caFalseExplicit", "pathLen0", "pathLen1",
-                            "notCAWithPathLen"}},
+                            "notCAWithPathLen", "notSequence"}},
       {"keyUsage", {"standard", "absent", "digitalSignature", "certSign", "keyEncipherment", "paddingBitsSet",
                     "trailingZeroOctet", "signatureAndCertSign", "unusedBitsShort"}},
       {"extendedKeyUsage", {"standard", "absent", "codeSigning", "serverAuth", "anyExtendedKeyUsage", "serverAuthAndCodeSigning",
-                            "serverAuthAndAny", "empty"}},
+                            "serverAuthAndAny", "empty", "notSequence"}},
       {"authorityKeyIdentifier", {"standard", "absent", "wrongKeyId", "issuerAndSerial", "wrongIssuer", "wrongSerial", "onlyIssuer",
                                   "secondDirectoryName", "emptyKeyId", "issuerSpelledOtherwise", "serialNonMinimal",
                                   "serialNegative", "ownKeyIdEmpty", "onlySerial", "badDirectoryName"}},
@@ -54,7 +54,7 @@ const std::vector<Knob>& knobs() {
       {"encoding", {"der", "longFormLength"}},
       {"signatureValue", {"der", "rNegative", "sPadded"}},
       {"signerAlgorithm", {"standard", "rsaEncryption", "otherDigest"}},
-      {"manifest", {"standard", "teamDiffers", "malformed", "attributesUnsorted"}},
+      {"manifest", {"standard", "teamDiffers", "malformed", "attributesUnsorted", "contentNotData", "attributeNotData"}},
       {"root", {"standard", "serverAuthOnly", "unknownCritical", "excludesTeam", "permitsTeam"}},
       {"flipAt", numbers(256)},
       {"flipAtHigh", numbers(16)},
@@ -255,6 +255,7 @@ std::string basicConstraints(uint8_t how, bool authority) {
     case 5: return extension("\x55\x1d\x13", true, der(0x30, kTrue + der(0x02, std::string(1, '\0'))));
     case 6: return extension("\x55\x1d\x13", true, der(0x30, kTrue + der(0x02, "\x01")));
     case 7: return extension("\x55\x1d\x13", true, der(0x30, der(0x02, std::string(1, '\0'))));
+    case 8: return extension("\x55\x1d\x13", true, der(0x31, ""));
     default: return extension("\x55\x1d\x13", true, authority ? ca : der(0x30, ""));
   }
 }
@@ -277,6 +278,7 @@ std::string extendedKeyUsage(uint8_t how, bool authority) {
   const std::string code = oid(kCodeSigning), server = oid(kServerAuth), any = oid(std::string_view("\x55\x1d\x25\x00", 4));
   const std::string purposes[] = {authority ? "" : code, "", code, server, any, server + code, server + any, ""};
   if (how == 7) return extension("\x55\x1d\x25", false, der(0x30, ""));
+  if (how == 8) return extension("\x55\x1d\x25", false, der(0x31, code));
   return purposes[how].empty() ? "" : extension("\x55\x1d\x25", false, der(0x30, purposes[how]));
 }
 
@@ -456,7 +458,8 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   const std::string sha256 = der(0x30, oid("\x60\x86\x48\x01\x65\x03\x04\x02\x01"));
   const std::string pkcs9 = "\x2a\x86\x48\x86\xf7\x0d\x01\x09";
   const std::string data = oid("\x2a\x86\x48\x86\xf7\x0d\x01\x07\x01");
-  const std::string contentType = der(0x30, oid(pkcs9 + "\x03") + der(0x31, data));
+  const std::string timeStamp = oid(pkcs9 + "\x10\x01\x04");  // id-ct-TSTInfo: content, but not data
+  const std::string contentType = der(0x30, oid(pkcs9 + "\x03") + der(0x31, manifestHow == 5 ? timeStamp : data));
   const std::string messageDigest =
       der(0x30, oid(pkcs9 + "\x04") + der(0x31, der(0x04, std::string(reinterpret_cast<char*>(digest), digestSize))));
   const std::string attributes = manifestHow == 3 ? messageDigest + contentType : contentType + messageDigest;
@@ -473,7 +476,7 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   for (size_t i = shape == 3 ? 1 : 0; i < chain.size() && (shape != 1 || i == 0); ++i) certificates += chain[i].encoding;
   if (shape == 3) certificates += leaf.encoding;
   if (shape == 2) certificates += root.encoding;
-  const std::string body = der(0x02, "\x01") + der(0x31, sha256) + der(0x30, data + der(0xa0, der(0x04, content))) +
+  const std::string body = der(0x02, "\x01") + der(0x31, sha256) + der(0x30, (manifestHow == 4 ? timeStamp : data) + der(0xa0, der(0x04, content))) +
                            der(0xa0, certificates) + der(0x31, signerInfo);
   return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x07\x02") + der(0xa0, der(0x30, body)));
 }

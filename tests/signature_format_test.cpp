@@ -102,19 +102,25 @@ TEST(Names, MatchAndNestAsOpenSSLReadsThem) {
   EXPECT_FALSE(LDNameIsWithin(LDBytesOf(name({{utf8, "O"}})), LDBytesOf(whole)));
 }
 
-// Lengths in their shortest definite form only, at the bounds of each form.
-TEST(Der, ReadsOnlyTheShortestDefiniteLength) {
-  const std::string x127(127, 'x'), x128(128, 'x'), x256(256, 'x');
+// One element's header: a low tag number, and a length in its shortest definite form only, at the
+// bounds of each form.
+TEST(Der, ReadsOnlyLowTagsAndTheShortestDefiniteLength) {
+  const std::string x127(127, 'x'), x128(128, 'x'), x256(256, 'x'), x64k(1 << 16, 'x'), x16m(1 << 24, 'x');
   for (const auto& [bytes, readable] : std::initializer_list<std::pair<std::string, bool>>{
+           {std::string("\x04\x00", 2), true},
            {"\x04\x7f" + x127, true},
            {"\x04\x81\x80" + x128, true},
            {std::string("\x04\x82\x01\x00", 4) + x256, true},
+           {std::string("\x04\x83\x01\x00\x00", 5) + x64k, true},
+           {std::string("\x04\x84\x01\x00\x00\x00", 6) + x16m, false},  // four length octets: 16 MiB
            {"\x04\x81\x7f" + x127, false},                          // long form below 128
            {std::string("\x04\x82\x00\x80", 4) + x128, false},      // a leading zero octet
            {"\x04\x81\x80" + x127, false},                          // shorter than it says
            {"\x04\x80" + x127 + std::string(2, '\0'), false},        // indefinite
+           {"\x1f\x04xxxx", false},                                  // a high tag number
+           {"\x04", false},                                          // no length at all
        }) {
-    EXPECT_EQ(LDDerReadOnly(LDBytesOf(bytes), LDDerOctetString).has_value(), readable) << bytes.substr(0, 4);
+    EXPECT_EQ(LDDerReader(LDBytesOf(bytes)).readAny().has_value(), readable) << bytes.substr(0, 4);
   }
 }
 

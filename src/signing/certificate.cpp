@@ -272,6 +272,23 @@ bool parseExtensions(LDDerReader extensions, LDCertificate& certificate) {
   return !hasDuplicate(std::move(seen));  // RFC 5280: at most once each
 }
 
+// version [0] EXPLICIT INTEGER 2 (v3), consumed from fields.
+bool readVersion3(LDDerReader& fields) {
+  std::optional<LDDerReader> version = fields.enter(LDDerContextConstructed(0));
+  const std::optional<LDDerElement> versionNumber = version ? version->read(LDDerInteger) : std::nullopt;
+  return versionNumber && version->atEnd() && LDDerSmallInteger(*versionNumber) == 2;
+}
+
+// notBefore and notAfter, each a UTCTime or GeneralizedTime. Validity is read, never judged:
+// expiry does not end the trust in code signed before it.
+bool isWellFormedValidity(LDDerReader validity) {
+  for (int i = 0; i < 2; ++i) {
+    const std::optional<uint8_t> tag = validity.peekTag();
+    if ((tag != LDDerUTCTime && tag != LDDerGeneralizedTime) || !validity.readAny()) return false;
+  }
+  return validity.atEnd();
+}
+
 }  // namespace
 
 std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
@@ -292,9 +309,7 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
   certificate.signatureAlgorithm = *algorithm;
 
   LDDerReader fields(tbs->contents);
-  std::optional<LDDerReader> version = fields.enter(LDDerContextConstructed(0));
-  const std::optional<LDDerElement> versionNumber = version ? version->read(LDDerInteger) : std::nullopt;
-  if (!versionNumber || !version->atEnd() || LDDerSmallInteger(*versionNumber) != 2) return std::nullopt;
+  if (!readVersion3(fields)) return std::nullopt;
   const std::optional<LDDerElement> serial = fields.read(LDDerInteger);
   const std::optional<LDDerElement> innerAlgorithm = fields.read(LDDerSequence);
   const std::optional<LDDerElement> issuer = fields.read(LDDerSequence);
@@ -309,12 +324,7 @@ std::optional<LDCertificate> LDParseCertificate(LDBytes encoding) {
   }
   // The algorithm inside what is signed must be the one outside (RFC 5280, 4.1.1.2).
   if (!LDDerEqual(innerAlgorithm->encoding, outerAlgorithm->encoding)) return std::nullopt;
-  // Validity is read, never judged: expiry does not end the trust in code signed before it.
-  for (int i = 0; i < 2; ++i) {
-    const std::optional<uint8_t> tag = validity->peekTag();
-    if ((tag != LDDerUTCTime && tag != LDDerGeneralizedTime) || !validity->readAny()) return std::nullopt;
-  }
-  if (!validity->atEnd()) return std::nullopt;
+  if (!isWellFormedValidity(*validity)) return std::nullopt;
   if (!isWellFormedName(issuer->encoding) || !isWellFormedName(subject->encoding)) return std::nullopt;
   certificate.serialNumber = serial->contents;
   certificate.issuer = issuer->encoding;

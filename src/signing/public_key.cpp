@@ -183,6 +183,54 @@ std::optional<LDSignatureAlgorithm> LDParseSignatureAlgorithm(const LDDerElement
   return std::nullopt;
 }
 
+namespace {
+
+// An uncompressed point on P-256 or P-384, the curve named by the algorithm's parameters.
+std::optional<LDPublicKey> parseEcPublicKey(const std::optional<LDDerElement>& parameters, LDBytes bits) {
+  if (!parameters || parameters->tag != LDDerObjectIdentifier) return std::nullopt;
+  LDPublicKey key{LDPublicKey::Kind::p256, {}, {}, {}, {}};
+  size_t coordinate = 32;
+  if (LDDerEqual(parameters->contents, LDDerLiteral(kSecp384r1))) {
+    key.kind = LDPublicKey::Kind::p384;
+    coordinate = 48;
+  } else if (!LDDerEqual(parameters->contents, LDDerLiteral(kPrime256v1))) {
+    return std::nullopt;
+  }
+  // Uncompressed points only: OpenSSL writes them, and there is one spelling per key.
+  if (bits.size() != 1 + 2 * coordinate || bits[0] != 0x04) return std::nullopt;
+  key.x = bits.subspan(1, coordinate);
+  key.y = bits.subspan(1 + coordinate);
+  Point point(curveOf(key.kind));
+  Integer x(key.x), y(key.y);
+  if (ecc_point_set(point.get(), x.get(), y.get()) != 1) return std::nullopt;
+  return key;
+}
+
+// RSAPublicKey { modulus, publicExponent }: 2048 to 4096 bits, an odd exponent of at least 3.
+std::optional<LDPublicKey> parseRsaPublicKey(const std::optional<LDDerElement>& parameters, LDBytes bits) {
+  if (!isNull(parameters)) return std::nullopt;
+  const std::optional<LDDerElement> sequence = LDDerReadOnly(bits, LDDerSequence);
+  if (!sequence) return std::nullopt;
+  LDDerReader fields(sequence->contents);
+  const std::optional<LDDerElement> modulus = fields.read(LDDerInteger);
+  const std::optional<LDDerElement> exponent = fields.read(LDDerInteger);
+  if (!modulus || !exponent || !fields.atEnd()) return std::nullopt;
+  LDPublicKey key{LDPublicKey::Kind::rsa, {}, {}, {}, {}};
+  const std::optional<LDBytes> n = LDDerUnsignedInteger(*modulus);
+  const std::optional<LDBytes> e = LDDerUnsignedInteger(*exponent);
+  if (!n || !e || e->size() > 8) return std::nullopt;
+  key.modulus = *n;
+  key.exponent = *e;
+  RsaKey rsa;
+  const size_t bitLength = prepareRsa(key, rsa) ? mpz_sizeinbase(rsa.get()->n, 2) : 0;
+  if (bitLength < 2048 || bitLength > 4096 || mpz_even_p(rsa.get()->e) || mpz_cmp_ui(rsa.get()->e, 3) < 0) {
+    return std::nullopt;
+  }
+  return key;
+}
+
+}  // namespace
+
 std::optional<LDPublicKey> LDParsePublicKey(const LDDerElement& subjectPublicKeyInfo) {
   if (subjectPublicKeyInfo.tag != LDDerSequence) return std::nullopt;
   LDDerReader reader(subjectPublicKeyInfo.contents);
@@ -192,47 +240,8 @@ std::optional<LDPublicKey> LDParsePublicKey(const LDDerElement& subjectPublicKey
   const std::optional<Algorithm> algorithm = parseAlgorithm(*algorithmElement);
   const std::optional<LDBytes> bits = LDDerOctetAlignedBits(*bitString);
   if (!algorithm || !bits) return std::nullopt;
-
-  if (LDDerEqual(algorithm->oid, LDDerLiteral(kEcPublicKey))) {
-    if (!algorithm->parameters || algorithm->parameters->tag != LDDerObjectIdentifier) return std::nullopt;
-    LDPublicKey key{LDPublicKey::Kind::p256, {}, {}, {}, {}};
-    size_t coordinate = 32;
-    if (LDDerEqual(algorithm->parameters->contents, LDDerLiteral(kSecp384r1))) {
-      key.kind = LDPublicKey::Kind::p384;
-      coordinate = 48;
-    } else if (!LDDerEqual(algorithm->parameters->contents, LDDerLiteral(kPrime256v1))) {
-      return std::nullopt;
-    }
-    // Uncompressed points only: OpenSSL writes them, and there is one spelling per key.
-    if (bits->size() != 1 + 2 * coordinate || (*bits)[0] != 0x04) return std::nullopt;
-    key.x = bits->subspan(1, coordinate);
-    key.y = bits->subspan(1 + coordinate);
-    Point point(curveOf(key.kind));
-    Integer x(key.x), y(key.y);
-    if (ecc_point_set(point.get(), x.get(), y.get()) != 1) return std::nullopt;
-    return key;
-  }
-  if (LDDerEqual(algorithm->oid, LDDerLiteral(kRsaEncryption))) {
-    if (!isNull(algorithm->parameters)) return std::nullopt;
-    const std::optional<LDDerElement> sequence = LDDerReadOnly(*bits, LDDerSequence);
-    if (!sequence) return std::nullopt;
-    LDDerReader fields(sequence->contents);
-    const std::optional<LDDerElement> modulus = fields.read(LDDerInteger);
-    const std::optional<LDDerElement> exponent = fields.read(LDDerInteger);
-    if (!modulus || !exponent || !fields.atEnd()) return std::nullopt;
-    LDPublicKey key{LDPublicKey::Kind::rsa, {}, {}, {}, {}};
-    const std::optional<LDBytes> n = LDDerUnsignedInteger(*modulus);
-    const std::optional<LDBytes> e = LDDerUnsignedInteger(*exponent);
-    if (!n || !e || e->size() > 8) return std::nullopt;
-    key.modulus = *n;
-    key.exponent = *e;
-    RsaKey rsa;
-    const size_t bitLength = prepareRsa(key, rsa) ? mpz_sizeinbase(rsa.get()->n, 2) : 0;
-    if (bitLength < 2048 || bitLength > 4096 || mpz_even_p(rsa.get()->e) || mpz_cmp_ui(rsa.get()->e, 3) < 0) {
-      return std::nullopt;
-    }
-    return key;
-  }
+  if (LDDerEqual(algorithm->oid, LDDerLiteral(kEcPublicKey))) return parseEcPublicKey(algorithm->parameters, *bits);
+  if (LDDerEqual(algorithm->oid, LDDerLiteral(kRsaEncryption))) return parseRsaPublicKey(algorithm->parameters, *bits);
   return std::nullopt;
 }
 

@@ -161,6 +161,48 @@ std::optional<std::string> LDMakeSignatureBlob(const std::string& manifestText,
   return blob;
 }
 
+namespace {
+
+// The file to sign, open for reading, and its status; an invalid handle when it is no regular file.
+LDFileHandle openRegularFile(const std::string& path, struct stat& status, std::string* error) {
+  LDFileHandle file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  if (!file.isValid() || ::fstat(file.fileDescriptor(), &status) != 0) {
+    *error = "cannot open " + path + ": " + std::strerror(errno);
+    return LDFileHandle();
+  }
+  if (!S_ISREG(status.st_mode)) {
+    *error = path + " is not a regular file";
+    return LDFileHandle();
+  }
+  return file;
+}
+
+// The code's first size bytes, then blob and trailer, written beside path and renamed over it, so
+// a reader sees the old or the new file, and a running executable is never rewritten under itself.
+bool replaceWithSigned(const std::string& path, int original, const struct stat& status, uint64_t size,
+                       const std::string& blob, std::string* error) {
+  const std::string trailer = LDFormatSignatureTrailer(static_cast<uint32_t>(blob.size()));
+  std::string temporary = path + ".ld-codesign-XXXXXX";
+  LDFileHandle signedFile(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (!signedFile.isValid()) {
+    *error = "cannot create a file beside " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  const int fd = signedFile.fileDescriptor();
+  // Owner first: a change of owner clears the set-group-ID bit, which the mode then restores.
+  if (::geteuid() == 0) (void)::fchown(fd, status.st_uid, status.st_gid);  // best effort
+  const bool written = copyPrefix(original, fd, size) && writeAll(fd, blob.data(), blob.size()) &&
+                       writeAll(fd, trailer.data(), trailer.size()) && ::fchmod(fd, status.st_mode & 07777) == 0;
+  if (!written || ::fsync(fd) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
+    *error = "cannot write the signed " + path + ": " + std::strerror(errno);
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 bool LDSignFile(const std::string& path, const std::string& identifier,
                 const LDSigningIdentity& identity, std::string* error) {
   if (!LDIsValidSigningIdentifier(identifier)) {
@@ -168,16 +210,9 @@ bool LDSignFile(const std::string& path, const std::string& identifier,
              "\" must be a reverse-DNS name of letters, digits, '.', '-' and '_'";
     return false;
   }
-  LDFileHandle original(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   struct stat status {};
-  if (!original.isValid() || ::fstat(original.fileDescriptor(), &status) != 0) {
-    *error = "cannot open " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  if (!S_ISREG(status.st_mode)) {
-    *error = path + " is not a regular file";
-    return false;
-  }
+  const LDFileHandle original = openRegularFile(path, status, error);
+  if (!original.isValid()) return false;
   const auto fileSize = static_cast<uint64_t>(status.st_size);
 
   // A file signed before keeps only its code; the old signature is replaced.
@@ -198,30 +233,6 @@ bool LDSignFile(const std::string& path, const std::string& identifier,
     *error = "cannot read " + path;
     return false;
   }
-
   const std::optional<std::string> blob = LDMakeSignatureBlob(LDFormatManifest(manifest), identity, error);
-  if (!blob) return false;
-  const std::string trailer = LDFormatSignatureTrailer(static_cast<uint32_t>(blob->size()));
-
-  // Written beside the original and renamed over it, so a reader sees the old or the new file,
-  // and a running executable is never rewritten under itself.
-  std::string temporary = path + ".ld-codesign-XXXXXX";
-  LDFileHandle signedFile(::mkostemp(temporary.data(), O_CLOEXEC));
-  if (!signedFile.isValid()) {
-    *error = "cannot create a file beside " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  const int fd = signedFile.fileDescriptor();
-  // Owner first: a change of owner clears the set-group-ID bit, which the mode then restores.
-  if (::geteuid() == 0) (void)::fchown(fd, status.st_uid, status.st_gid);  // best effort
-  const bool written = copyPrefix(original.fileDescriptor(), fd, manifest.size) &&
-                       writeAll(fd, blob->data(), blob->size()) &&
-                       writeAll(fd, trailer.data(), trailer.size()) &&
-                       ::fchmod(fd, status.st_mode & 07777) == 0;
-  if (!written || ::fsync(fd) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
-    *error = "cannot write the signed " + path + ": " + std::strerror(errno);
-    ::unlink(temporary.c_str());
-    return false;
-  }
-  return true;
+  return blob && replaceWithSigned(path, original.fileDescriptor(), status, manifest.size, *blob, error);
 }
