@@ -22,48 +22,63 @@ const char kNoTeamIdentifier[] =
 
 }  // namespace
 
-int32_t LDCheckSignatureOfDescriptor(int fd, const LDRequirement* requirement,
-                                     const LDTrustAnchors& anchors, std::string* detail,
-                                     LDSigningInformation* information) {
+namespace {
+
+// Finds and reads the signature appended to the code open as fd.
+int32_t readSignature(int fd, std::string* detail, LDSignatureLocation* location, LDSignatureContents* contents) {
   struct stat status {};
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the code is not a readable regular file");
   }
-  const auto fileSize = static_cast<uint64_t>(status.st_size);
-  const LDSignatureLocation location = LDLocateSignatureOfDescriptor(fd, fileSize);
-  if (location.status == errSecCSSignatureNotVerifiable) {
+  *location = LDLocateSignatureOfDescriptor(fd, static_cast<uint64_t>(status.st_size));
+  if (location->status == errSecCSSignatureNotVerifiable) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the code could not be read");
   }
-  if (location.status == errSecCSUnsigned) {
+  if (location->status == errSecCSUnsigned) {
     return fail(detail, errSecCSUnsigned, "the code is not signed");
   }
-  if (location.status != LDCodeSigningStatusOK) {
-    return fail(detail, location.status, "the signature trailer is malformed");
+  if (location->status != LDCodeSigningStatusOK) {
+    return fail(detail, location->status, "the signature trailer is malformed");
   }
-  std::string blob(location.blobSize, '\0');
-  if (!LDReadFully(fd, location.codeSize, blob.data(), blob.size())) {
+  std::string blob(location->blobSize, '\0');
+  if (!LDReadFully(fd, location->codeSize, blob.data(), blob.size())) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the signature could not be read");
   }
-  const LDSignatureContents contents = LDReadSignatureBlob(LDBytesOf(blob));
-  if (contents.status != LDCodeSigningStatusOK) {
-    return fail(detail, contents.status, contents.detail);
-  }
-  if (const int32_t trust = LDVerifyChain(contents, anchors.certificates(), detail); trust != 0) {
-    return trust;
-  }
-  // Only a signature from a trusted signer is worth hashing the code for.
+  *contents = LDReadSignatureBlob(LDBytesOf(blob));
+  if (contents->status != LDCodeSigningStatusOK) return fail(detail, contents->status, contents->detail);
+  return LDCodeSigningStatusOK;
+}
+
+// Hashes the code (only once its signer is trusted) and compares it with what was signed.
+int32_t checkCode(int fd, const LDSignatureLocation& location, const LDSignatureContents& contents,
+                  std::string* detail, std::array<uint8_t, 32>* digest) {
   if (contents.manifest.size != location.codeSize) {
     return fail(detail, errSecCSSignatureFailed,
                 "the signed size " + std::to_string(contents.manifest.size) +
                     " is not the code's size " + std::to_string(location.codeSize));
   }
-  std::array<uint8_t, 32> digest{};
-  if (!LDDigestOfDescriptor(fd, location.codeSize, digest)) {
+  if (!LDDigestOfDescriptor(fd, location.codeSize, *digest)) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the code could not be read");
   }
-  if (digest != contents.manifest.sha256) {
+  if (*digest != contents.manifest.sha256) {
     return fail(detail, errSecCSSignatureFailed, "the code does not match its signed digest");
   }
+  return LDCodeSigningStatusOK;
+}
+
+}  // namespace
+
+int32_t LDCheckSignatureOfDescriptor(int fd, const LDRequirement* requirement,
+                                     const LDTrustAnchors& anchors, std::string* detail,
+                                     LDSigningInformation* information) {
+  LDSignatureLocation location{};
+  LDSignatureContents contents;
+  if (const int32_t read = readSignature(fd, detail, &location, &contents); read != LDCodeSigningStatusOK) return read;
+  if (const int32_t trust = LDVerifyChain(contents, anchors.certificates(), detail); trust != 0) {
+    return trust;
+  }
+  std::array<uint8_t, 32> digest{};
+  if (const int32_t code = checkCode(fd, location, contents, detail, &digest); code != LDCodeSigningStatusOK) return code;
   if (requirement) {
     const LDRequirementSubject subject{contents.manifest.identifier, contents.leafTeam, true};
     if (std::optional<std::string> unmet = LDFirstUnmetClause(*requirement, subject)) {
