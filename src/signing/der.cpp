@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "shared/printable.h"
+#include "shared/utf8.h"
 
 namespace {
 
@@ -98,12 +98,5 @@ std::optional<LDBytes> LDDerOctetAlignedBits(const LDDerElement& bitString) {
 bool LDDerEqual(LDBytes a, LDBytes b) { return std::equal(a.begin(), a.end(), b.begin(), b.end()); }
 
 bool LDIsUTF8(LDBytes text) {
-  const std::string_view view(reinterpret_cast<const char*>(text.data()), text.size());
-  uint32_t codePoint = 0;
-  for (size_t at = 0; at < view.size();) {
-    const size_t length = LDDecodeUTF8(view, at, &codePoint);
-    if (length == 0) return false;
-    at += length;
-  }
-  return true;
+  return LDIsWellFormedUTF8(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
 }
