@@ -24,8 +24,10 @@ const char kNoTeamIdentifier[] =
 
 namespace {
 
-// Finds and reads the signature appended to the code open as fd.
-int32_t readSignature(int fd, std::string* detail, LDSignatureLocation* location, LDSignatureContents* contents) {
+// Finds and reads the signature appended to the code open as fd into blob, which contents points
+// into: blob must outlive it.
+int32_t readSignature(int fd, std::string* detail, LDSignatureLocation* location, std::string* blob,
+                      LDSignatureContents* contents) {
   struct stat status {};
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the code is not a readable regular file");
@@ -40,11 +42,11 @@ int32_t readSignature(int fd, std::string* detail, LDSignatureLocation* location
   if (location->status != LDCodeSigningStatusOK) {
     return fail(detail, location->status, "the signature trailer is malformed");
   }
-  std::string blob(location->blobSize, '\0');
-  if (!LDReadFully(fd, location->codeSize, blob.data(), blob.size())) {
+  blob->assign(location->blobSize, '\0');
+  if (!LDReadFully(fd, location->codeSize, blob->data(), blob->size())) {
     return fail(detail, errSecCSSignatureNotVerifiable, "the signature could not be read");
   }
-  *contents = LDReadSignatureBlob(LDBytesOf(blob));
+  *contents = LDReadSignatureBlob(LDBytesOf(*blob));
   if (contents->status != LDCodeSigningStatusOK) return fail(detail, contents->status, contents->detail);
   return LDCodeSigningStatusOK;
 }
@@ -72,8 +74,11 @@ int32_t LDCheckSignatureOfDescriptor(int fd, const LDRequirement* requirement,
                                      const LDTrustAnchors& anchors, std::string* detail,
                                      LDSigningInformation* information) {
   LDSignatureLocation location{};
-  LDSignatureContents contents;
-  if (const int32_t read = readSignature(fd, detail, &location, &contents); read != LDCodeSigningStatusOK) return read;
+  std::string blob;
+  LDSignatureContents contents;  // points into blob
+  if (const int32_t read = readSignature(fd, detail, &location, &blob, &contents); read != LDCodeSigningStatusOK) {
+    return read;
+  }
   if (const int32_t trust = LDVerifyChain(contents, anchors.certificates(), detail); trust != 0) {
     return trust;
   }
