@@ -92,6 +92,7 @@ TEST(KeepOnlyDescriptors, KeepsWhatItIsToldAndPutsNullUnderTheStandardOnes) {
   EXPECT_EQ(keptInChild(null.fileDescriptor(), {a.fileDescriptor()}),
             "fds 0 1 2 " + std::to_string(a.fileDescriptor()) + " " + std::to_string(null.fileDescriptor()) + " null yes");
   EXPECT_EQ(keptInChild(null.fileDescriptor(), {1}), "refused") << "a kept standard descriptor would be overwritten";
+  EXPECT_EQ(keptInChild(-1, {a.fileDescriptor(), -1}), "refused") << "a negative number names no descriptor to keep";
 }
 
 // What the keeper saw of its start, sent back as its first report.
