@@ -60,8 +60,8 @@ TEST(Printable, EscapesWhatCouldForgeALineAndNothingElse) {
             "\\u{061c} \\u{200b} \\u{200e} \\u{200f} \\u{2066} \\u{2069} \\u{feff}", ""},
            {"\xf3\xa0\x80\x80\xf3\xa0\x81\x81\xf3\xa0\x81\xbf \xef\xb8\x8f \xe1\x85\x9f",
             "\\u{e0000}\\u{e0041}\\u{e007f} \\u{fe0f} \\u{115f}", ""},  // tags, a variation selector, a filler
-           {"\xff\xc3 \xed\xa0\x80 \xc0\xaf \xf4\x90\x80\x80 \xf5\x80\x80\x80",  // not UTF-8: above U+10FFFF too
-            "\\xff\\xc3 \\xed\\xa0\\x80 \\xc0\\xaf \\xf4\\x90\\x80\\x80 \\xf5\\x80\\x80\\x80", ""},
+           {"\xff\xc3 \xed\xa0\x80 \xed\xbf\xbf \xc0\xaf \xf4\x90\x80\x80 \xf5\x80\x80\x80",  // not UTF-8: surrogates, above U+10FFFF
+            "\\xff\\xc3 \\xed\\xa0\\x80 \\xed\\xbf\\xbf \\xc0\\xaf \\xf4\\x90\\x80\\x80 \\xf5\\x80\\x80\\x80", ""},
        }) {
     const std::string_view shown = row.shown.empty() ? row.text : row.shown;
     const std::string_view message = row.message.empty() ? shown : row.message;
