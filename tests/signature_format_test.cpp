@@ -52,7 +52,7 @@ TEST(Printable, EscapesWhatCouldForgeALineAndNothingElse) {
     std::string_view text, shown, message;
   };
   for (const Row& row : std::initializer_list<Row>{
-           {"CN=Team \xc3\xa9 \xe2\x82\xac \xd8\x9b \xe2\x81\xb0 \xef\xbb\xbc \xf4\x8f\xbf\xbf", "", ""},  // visible
+           {"CN=Team \xc3\xa9 \xe2\x82\xac \xd8\x9b \xe2\x81\xb0 \xef\xbb\xbc \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf", "", ""},  // visible
            {std::string_view("a\nb\r\0\x1b[2J\x7f", 10), "a\\x0ab\\x0d\\x00\\x1b[2J\\x7f", ""},
            {"\\x0a \\u{202e}", "\\x5cx0a \\x5cu{202e}", "\\x0a \\u{202e}"},  // an escape spelled by the text
            {"\xc2\x9b \xc2\xad \xe2\x80\xa8 \xe2\x80\xa9 \xe2\x80\xae", "\\u{009b} \\u{00ad} \\u{2028} \\u{2029} \\u{202e}", ""},
