@@ -4,6 +4,9 @@ target_compile_options(ld_compiler_options INTERFACE
   -Wall -Wextra -Wpedantic -Werror
   -Wshadow -Wnon-virtual-dtor -Wcast-qual -Wformat=2 -Wimplicit-fallthrough
   -Wconversion -Wsign-conversion -Wold-style-cast)
+# The standard library checks its own preconditions (an empty optional read, an index past the
+# end) and aborts, in every build: a root process stops rather than read what is not there.
+target_compile_definitions(ld_compiler_options INTERFACE _GLIBCXX_ASSERTIONS)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(ld_compiler_options INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
