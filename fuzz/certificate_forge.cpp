@@ -47,7 +47,7 @@ const std::vector<Knob>& knobs() {
       {"extraExtension", {"none", "unknown", "unknownCritical", "nameConstraintsCritical", "policiesCritical",
                           "duplicateKeyUsage", "subjectAltName", "permitsTeam", "permitsOtherTeam", "excludesTeam",
                           "excludesOtherTeam", "permitsOrganizationSpelledOtherwise", "permitsWithMaximum",
-                          "permitsTeamAndDnsName", "excludesLeaf"}},
+                          "permitsTeamAndDnsName", "excludesLeaf", "permitsNothing"}},
       {"algorithm", {"standard", "sha384", "innerDiffers"}},
       {"version", {"v3", "v1", "v2"}},
       {"validity", {"current", "expired", "generalizedTime"}},
@@ -366,6 +366,7 @@ std::string extraExtension(uint8_t how, const std::string& keyUsageExtension) {
       return nameConstraints(false, 1, der(0x30, der(0xa4, der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") +
                                                                 attribute(kOrganizationalUnit, 0x0c, "TEAMONE001") +
                                                                 attribute(kCommonName, 0x0c, "Forge Leaf")))));
+    case 15: return nameConstraints(false, 0, "");  // no subtree: DER's SIZE (1..MAX) is broken
     case 1: return extension("\x2b\x06\x01\x04\x01\x83\xb2\x03\x01", false, der(0x05, ""));
     case 2: return extension("\x2b\x06\x01\x04\x01\x83\xb2\x03\x01", true, der(0x05, ""));
     case 3: return extension("\x55\x1d\x1e", true, der(0x30, der(0xa0, der(0x30, der(0x82, "example.com")))));

@@ -188,6 +188,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"intermediates=1 target=intermediate1 extraExtension=permitsWithMaximum", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extraExtension=permitsTeamAndDnsName", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extraExtension=nameConstraintsCritical", errSecCSSignatureUntrusted},
+      {"intermediates=1 target=intermediate1 extraExtension=permitsNothing", errSecCSSignatureInvalid},
       // The authority key identifier names the issuer, where it says anything.
       {"authorityKeyIdentifier=wrongKeyId", errSecCSSignatureUntrusted},
       {"authorityKeyIdentifier=issuerAndSerial", 0},
