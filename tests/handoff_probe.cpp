@@ -8,7 +8,8 @@
 //   handoff_probe hold PATH                                 request, wait for "go" on stdin, complete
 //   handoff_probe no-ack PATH                               request, never complete, wait for the end
 //   handoff_probe after-hello-garbage PATH                  garbage after Hello, report
-//   handoff_probe drop-saved-group|drop-fs-group PATH       greeted, give up only that gid of the
+//   handoff_probe drop-saved-group|drop-fs-group|drop-effective-group PATH
+//                                                           greeted, give up only that gid of the
 //                                                           application's group, then request
 //   handoff_probe drop-saved-group-first|drop-fs-group-first PATH
 //                                                           give up only that gid, then greet
@@ -140,12 +141,18 @@ std::string steal(pid_t target) {
   return stolen > 0 ? "stolen " + std::to_string(stolen) : denied ? "refused" : "nothing to take";
 }
 
-// Gives up the application's group in the saved or in the file-system gid only, or takes it as the
+// Gives up the application's group in the saved, effective or file-system gid only, or takes it as the
 // real gid too.
 bool dropGroup(const std::string& mode) {
   const gid_t real = ::getgid();
   if (mode.find("real") != std::string::npos) return ::setresgid(::getegid(), -1u, -1u) == 0;
   if (mode.find("saved") != std::string::npos) return ::setresgid(-1u, -1u, real) == 0;
+  if (mode.find("effective") != std::string::npos) {  // the file-system gid follows it: take that back
+    const gid_t group = ::getegid();
+    if (::setresgid(-1u, real, -1u) != 0) return false;
+    ::setfsgid(group);
+    return ::setfsgid(-1u) == static_cast<int>(group);
+  }
   ::setfsgid(real);
   return ::setfsgid(-1u) == static_cast<int>(real);  // an invalid id only reports the current one
 }

@@ -232,6 +232,7 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
       {"gives up only its file-system group", {probe, "drop-fs-group-first", socket}},
       {"gives up only its saved group after Hello", {probe, "drop-saved-group", socket}, "hello\nclosed\n"},
       {"gives up only its file-system group after Hello", {probe, "drop-fs-group", socket}, "hello\nclosed\n"},
+      {"gives up only its effective group after Hello", {probe, "drop-effective-group", socket}, "hello\nclosed\n"},
       {"takes its group as its real group after Hello", {probe, "drop-real-group", socket}, "hello\nclosed\n"},
       {"execs another program after Hello", {probe, "exec-after-hello", socket, unsignedProbe}, "hello\nclosed\n"},
       // The child's request is refused, then so is the parent.
