@@ -316,6 +316,8 @@ TEST(Client, NamesTheAdmissionCheckItWouldFail) {
     EXPECT_EQ(result.exitStatus, 1) << expected;
     EXPECT_NE(result.standardError.find(expected), std::string::npos) << result.standardError;
   }
+  const ldtest::ProcessResult noPath = ldtest::runProgram({installed, "--socket"}, kNobody);
+  EXPECT_EQ(noPath.exitStatus, 64) << "--socket with no path is a usage error: " << noPath.standardError;
   ::umount2(fuse.c_str(), MNT_DETACH);
   ::umount2(nosuid.c_str(), MNT_DETACH);
 }
