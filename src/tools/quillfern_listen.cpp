@@ -37,10 +37,6 @@ int runCommand(LDAcquiredListeners listeners, char** command) {
     std::fprintf(stderr, "quillfern-listen: cannot place the listeners at 3 and 4: %s\n", std::strerror(errno));
     return 1;
   }
-  // Whichever handle held 3 or 4 now names a listener placed there: it must not close it.
-  for (LDFileHandle* handle : {&listeners.ipv4, &listeners.ipv6}) {
-    if (handle->fileDescriptor() == 3 || handle->fileDescriptor() == 4) (void)handle->release();
-  }
   ::setenv("LISTEN_FDS", "2", 1);
   ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
   ::setenv("LISTEN_FDNAMES", "ipv4:ipv6", 1);
