@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "shared/printable.h"
 #include "signing/certificate.h"
@@ -177,6 +178,13 @@ TEST(SignatureTrailer, LocatesTheBlobOrSaysWhyNot) {
     EXPECT_EQ(location.status, c.status) << c.fileSize;
     EXPECT_EQ(location.codeSize, c.codeSize) << c.fileSize;
   }
+  // A descriptor that cannot be read (a pipe: ESPIPE) ends the read at once, never read again.
+  int pipe[2];
+  ASSERT_EQ(::pipe(pipe), 0);
+  char byte = 0;
+  EXPECT_FALSE(LDReadFully(pipe[0], 0, &byte, 1));
+  ::close(pipe[0]);
+  ::close(pipe[1]);
 }
 
 }  // namespace
