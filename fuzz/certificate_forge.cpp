@@ -48,7 +48,7 @@ const std::vector<Knob>& knobs() {
                           "duplicateKeyUsage", "subjectAltName", "permitsTeam", "permitsOtherTeam", "excludesTeam",
                           "excludesOtherTeam", "permitsOrganizationSpelledOtherwise", "permitsWithMaximum",
                           "permitsTeamAndDnsName", "excludesLeaf", "permitsNothing"}},
-      {"algorithm", {"standard", "sha384", "innerDiffers"}},
+      {"algorithm", {"standard", "sha384", "innerDiffers", "rsaEncryption"}},
       {"version", {"v3", "v1", "v2"}},
       {"validity", {"current", "expired", "generalizedTime"}},
       {"encoding", {"der", "longFormLength"}},
@@ -135,6 +135,9 @@ std::string signatureAlgorithm(EVP_PKEY* key, bool sha384) {
   if (isRsa(key)) return der(0x30, oid(sha384 ? "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0c" : "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0b") + der(0x05, ""));
   return der(0x30, oid(sha384 ? "\x2a\x86\x48\xce\x3d\x04\x03\x03" : "\x2a\x86\x48\xce\x3d\x04\x03\x02"));
 }
+
+// rsaEncryption: a key's algorithm, which a CMS signer may name but a certificate may not.
+std::string bareRsaAlgorithm() { return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01") + der(0x05, "")); }
 
 std::string sign(EVP_PKEY* key, bool sha384, const std::string& message) {
   ldssl::DigestContext context(EVP_MD_CTX_new());
@@ -427,7 +430,7 @@ Issued makeCertificate(const LDForgeRecipe& recipe, size_t position, bool isRoot
   }
 
   const uint8_t algorithm = knob(LDForgeAlgorithm), version = knob(LDForgeVersion);
-  const std::string outerAlgorithm = signatureAlgorithm(signer.key, algorithm == 1);
+  const std::string outerAlgorithm = algorithm == 3 ? bareRsaAlgorithm() : signatureAlgorithm(signer.key, algorithm == 1);
   const std::string innerAlgorithm = algorithm == 2 ? signatureAlgorithm(signer.key, true) : outerAlgorithm;
   std::string tbs = version == 1 ? "" : der(0xa0, der(0x02, version == 2 ? "\x01" : "\x02"));
   tbs += der(0x02, made.serial) + innerAlgorithm + made.issuer +
@@ -466,8 +469,7 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   const std::string attributes = manifestHow == 3 ? messageDigest + contentType : contentType + messageDigest;
   const Issued& leaf = chain.front();
   const uint8_t signerAlgorithm = recipe[LDForgeSignerAlgorithm];
-  const std::string algorithm = signerAlgorithm == 1 ? der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01") + der(0x05, ""))
-                                                     : signatureAlgorithm(leaf.key, signerAlgorithm == 2);
+  const std::string algorithm = signerAlgorithm == 1 ? bareRsaAlgorithm() : signatureAlgorithm(leaf.key, signerAlgorithm == 2);
   const std::string signerInfo = der(
       0x30, der(0x02, "\x01") + der(0x30, leaf.issuer + der(0x02, leaf.serial)) + sha256 + der(0xa0, attributes) +
                 algorithm + der(0x04, sign(leaf.key, false, der(0x31, attributes))));

@@ -229,6 +229,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"keyUsage=keyEncipherment", errSecCSSignatureUntrusted},
       {"key=rsa2048 signerAlgorithm=rsaEncryption", 0},
       {"signerAlgorithm=rsaEncryption", errSecCSSignatureInvalid},
+      {"algorithm=rsaEncryption", errSecCSSignatureInvalid},  // a certificate never names rsaEncryption
       {"key=p521", errSecCSSignatureInvalid},
       {"manifest=teamDiffers", errSecCSSignatureInvalid},
   };
