@@ -277,6 +277,21 @@ TEST_F(ServiceListenerTest, KernelRefusalsCostOnePeerOrEndTheHelperButNeverSpin)
   runUntil([] { return false; }, 350'000'000);
   EXPECT_GE(emfile.callCount("accept4"), 2) << "accepting resumes";
   EXPECT_LE(emfile.callCount("accept4"), 6) << "once every 100 ms, not in a loop";
+
+  // A slot freed while accepting is paused does not end the pause.
+  static ldtest::ScriptedSystemCalls paused;
+  listenAt("fourth.sock");
+  for (int call = 2; call < 9; ++call) paused.script("accept4", call, -1, EMFILE);
+  listener->setSystemCalls(paused);
+  listener->setTiming({.acceptRetry = 60'000'000'000});
+  ASSERT_TRUE(listener->activate());
+  LDFileHandle first = connect();
+  EXPECT_TRUE(runUntil([&] { return seen(first) == "hello" && paused.callCount("accept4") == 2; }));
+  const LDFileHandle second = connect();
+  first = LDFileHandle();
+  EXPECT_TRUE(runUntil([] { return keepers() == 0; }));
+  runUntil([] { return false; }, 50'000'000);  // the monitor takes the keeper's exit in
+  EXPECT_EQ(paused.callCount("accept4"), 2);
 }
 
 }  // namespace

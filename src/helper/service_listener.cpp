@@ -177,7 +177,10 @@ LDServiceListener::LDServiceListener(LDFileHandle listeningSocket, LDRunLoop& ru
 
 LDServiceListener::~LDServiceListener() {
   if (_accepting) _runLoop.unwatch(_socket.fileDescriptor());
+  _runLoop.cancel(_acceptRetry);  // the loop may outlive this listener: none of its timers may
   for (auto& [serial, keeper] : _keepers) {
+    _runLoop.cancel(keeper.timer);
+    _runLoop.cancel(keeper.lifetime);
     _runLoop.unwatch(keeper.channel.fileDescriptor());
     _runLoop.unwatch(keeper.pidfd.fileDescriptor());
     keeper.channel.reset();
@@ -224,10 +227,9 @@ void LDServiceListener::acceptConnections() {
     } else if (failure != EINTR && failure != ECONNABORTED) {
       // Out of descriptors or memory (EMFILE, ENFILE, ENOBUFS, ENOMEM): the connection stays
       // queued, and epoll would report it again at once, for as long as the shortage lasts.
-      _acceptPaused = true;
       _runLoop.modify(_socket.fileDescriptor(), 0);
-      _runLoop.runAt(LDRunLoop::now() + _timing.acceptRetry, [this] {
-        _acceptPaused = false;
+      _acceptRetry = _runLoop.runAt(LDRunLoop::now() + _timing.acceptRetry, [this] {
+        _acceptRetry = 0;
         updateAccepting();
       });
       return;
@@ -351,9 +353,10 @@ void LDServiceListener::admitted(uint64_t serial, const LDKeeperReport& report) 
   }
   keeper.connection = std::make_unique<LDKeptConnection>(keeper.channel.fileDescriptor(), [this, serial] {
     // Not from inside the connection's own call: ended on the next turn of the loop.
-    _runLoop.runAt(LDRunLoop::now(), [this, serial] {
-      if (_keepers.count(serial) != 0) end(serial);
-    });
+    const auto found = _keepers.find(serial);
+    if (found == _keepers.end() || found->second.ending) return;
+    _runLoop.cancel(found->second.lifetime);
+    found->second.lifetime = _runLoop.runAt(LDRunLoop::now(), [this, serial] { end(serial); });
   });
   if (!_delegate || !_delegate->listener(*this, *keeper.connection)) end(serial);
 }
@@ -396,7 +399,7 @@ void LDServiceListener::endIfAdmissionsCannotEnd() {
 }
 
 void LDServiceListener::updateAccepting() {
-  if (_accepting && !_acceptPaused && takesConnections()) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
+  if (_accepting && _acceptRetry == 0 && takesConnections()) _runLoop.modify(_socket.fileDescriptor(), EPOLLIN);
 }
 
 // --- In the keeper: examine the peer, then serve its connection for the monitor.

@@ -130,7 +130,7 @@ class LDServiceListener {
     LDFileHandle channel;  // the monitor's end
     LDFileHandle pidfd;
     uint64_t timer = 0;     // inspection, admission, a message's check, or the killed keeper's
-    uint64_t lifetime = 0;  // the connection's, once admitted
+    uint64_t lifetime = 0;  // the connection's, once admitted; the next turn, once it broke
     bool inspected = false;
     bool ending = false;
     std::unique_ptr<LDKeptConnection> connection;
@@ -168,7 +168,7 @@ class LDServiceListener {
   std::vector<LDFileHandle> _unreleased;
   uint64_t _nextSerial = 1;
   bool _accepting = false;
-  bool _acceptPaused = false;  // out of descriptors: resting until the retry timer
+  uint64_t _acceptRetry = 0;  // out of descriptors: the timer that ends the rest, or 0
   // No more connections are taken; the helper ends once none is left: a killed keeper did not die,
   // or too many sockets are kept.
   bool _windingDown = false;
