@@ -4,6 +4,7 @@
 #include "shared/printable.h"
 #include "signing/certificate.h"
 #include "signing/code_signature.h"
+#include "signing/public_key.h"
 #include "signing/requirement.h"
 
 namespace {
@@ -125,12 +126,32 @@ TEST(Der, ReadsOnlyLowTagsAndTheShortestDefiniteLength) {
   }
 }
 
+// An RSA key of 2048 to 4096 bits with an odd public exponent of at least 3: the modulus
+// 2^(bits-1)+1 has the bits asked for (the parser checks sizes, not primes).
+TEST(PublicKey, TakesRsaKeysOf2048To4096BitsWithAnOddExponent) {
+  const auto der = [](char tag, const std::string& contents) {
+    const size_t n = contents.size();
+    const std::string length = n < 128 ? std::string(1, static_cast<char>(n))
+                                       : std::string{'\x82', static_cast<char>(n >> 8), static_cast<char>(n & 0xff)};
+    return tag + length + contents;
+  };
+  for (const auto& [bits, exponent, taken] : std::initializer_list<std::tuple<size_t, char, bool>>{
+           {2047, 3, false}, {2048, 3, true}, {4096, 3, true}, {4097, 3, false}, {2048, 4, false}, {2048, 1, false}}) {
+    std::string modulus((bits + 8) / 8, '\0');  // with a leading zero octet where the top bit needs it
+    modulus[modulus.size() - 1 - (bits - 1) / 8] = static_cast<char>(1 << ((bits - 1) % 8));
+    modulus.back() |= 1;
+    const std::string rsa = der(0x30, der(0x06, "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01") + der(0x05, ""));
+    const std::string key = der(0x30, rsa + der(0x03, '\0' + der(0x30, der(0x02, modulus) + der(0x02, {exponent}))));
+    EXPECT_EQ(LDParsePublicKey(*LDDerReader(LDBytesOf(key)).readAny()).has_value(), taken) << bits << " bits, e " << int{exponent};
+  }
+}
+
 TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {
-  LDSignatureManifest manifest{"com.example.app", "TEAM1", 1234, {}};
+  LDSignatureManifest manifest{"com.example.app", "TEAM 1", 1234, {}};  // a space is no control character
   for (size_t i = 0; i < manifest.sha256.size(); ++i) manifest.sha256[i] = static_cast<uint8_t>(i * 7);
   const std::string text = LDFormatManifest(manifest);
   EXPECT_EQ(text,
-            "ld-codesign-manifest 1\nidentifier com.example.app\nteam TEAM1\nsize 1234\n"
+            "ld-codesign-manifest 1\nidentifier com.example.app\nteam TEAM 1\nsize 1234\n"
             "sha256 00070e151c232a31383f464d545b626970777e858c939aa1a8afb6bdc4cbd2d9\n");
   EXPECT_EQ(LDFormatManifest(LDParseManifest(text).value()), text);
 
