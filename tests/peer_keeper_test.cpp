@@ -57,6 +57,7 @@ std::string keptInChild(int nullDevice, std::vector<int> keep) {
   const pid_t child = ::fork();
   if (child == 0) {
     keep.push_back(report[1]);
+    if (nullDevice == 0) ::dup2(::open("/dev/null", O_RDWR | O_CLOEXEC), 0);  // as opened with 0 closed
     if (!LDKeepOnlyDescriptors(nullDevice, keep.data(), static_cast<int>(keep.size()))) {
       (void)!::write(report[1], "refused", 7);
       ::_exit(0);
@@ -91,6 +92,7 @@ TEST(KeepOnlyDescriptors, KeepsWhatItIsToldAndPutsNullUnderTheStandardOnes) {
   EXPECT_TRUE(keptInChild(-1, {b.fileDescriptor(), a.fileDescriptor(), a.fileDescriptor()}).starts_with("fds 0 1 2 " + both + " null"));
   EXPECT_EQ(keptInChild(null.fileDescriptor(), {a.fileDescriptor()}),
             "fds 0 1 2 " + std::to_string(a.fileDescriptor()) + " " + std::to_string(null.fileDescriptor()) + " null yes");
+  EXPECT_EQ(keptInChild(0, {a.fileDescriptor()}), "fds 0 1 2 " + std::to_string(a.fileDescriptor()) + " null yes");
   EXPECT_EQ(keptInChild(null.fileDescriptor(), {1}), "refused") << "a kept standard descriptor would be overwritten";
   EXPECT_EQ(keptInChild(-1, {a.fileDescriptor(), -1}), "refused") << "a negative number names no descriptor to keep";
 }
