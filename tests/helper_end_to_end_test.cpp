@@ -19,7 +19,6 @@
 #include <optional>
 #include <sstream>
 
-#include <openssl/pem.h>
 
 #include "shared/file_handle.h"
 #include "support/descriptors.h"
@@ -140,20 +139,6 @@ TEST_F(HelperEndToEnd, ATakenPortOrNoAcknowledgementEndsTheHelperWithOne) {
   EXPECT_EQ(helper.wait(5000), 1);
 }
 
-#ifdef LD_BUILD_ROOT_KEY
-// The build's own development root, to issue a leaf for another team under it.
-ldtest::TestIdentity buildRoot() {
-  ldtest::TestIdentity root;
-  root.keyPath = LD_BUILD_ROOT_KEY;
-  root.certificatePath = LD_BUILD_ROOT_CERT;
-  const ldssl::Bio key(BIO_new_file(LD_BUILD_ROOT_KEY, "r")), certificate(BIO_new_file(LD_BUILD_ROOT_CERT, "r"));
-  if (key && certificate) {
-    root.key.reset(PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, nullptr));
-    root.certificate.reset(PEM_read_bio_X509(certificate.get(), nullptr, nullptr, nullptr));
-  }
-  return root;
-}
-#endif
 
 void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
   const std::string unsignedProbe = programs.install(LD_PROBE, "unsigned");
@@ -239,7 +224,7 @@ void HelperEndToEnd::expectRefusals(const std::string& helperPath) {
       {"request from a forked unsigned child", {probe, "forked-sender", socket, unsignedProbe}, "hello\nclosed\nclosed\n"},
   };
 #ifdef LD_BUILD_ROOT_KEY
-  cases.push_back({"wrong team", ask({}, signedBy("wrong-team", pki.makeLeaf(buildRoot(), "Other", {.team = "OTHERTEAM9"})))});
+  cases.push_back({"wrong team", ask({}, signedBy("wrong-team", pki.makeLeaf(ldtest::TestIdentity::load(LD_BUILD_ROOT_KEY, LD_BUILD_ROOT_CERT), "Other", {.team = "OTHERTEAM9"})))});
 #endif
 
   ChildProcess helper = startHelper(helperPath, socket);

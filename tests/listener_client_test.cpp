@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-#include <openssl/pem.h>
 
 #include <quillfern/local_domain_listener.h>
 
@@ -330,13 +329,8 @@ TEST(Client, SaysWhichPartOfItsSignatureTheHelperRefused) {
   ldtest::ProgramDirectory programs;
   ldtest::TemporaryDirectory pkiDirectory;
   ldtest::TestPki pki(pkiDirectory.path());
-  ldtest::TestIdentity buildRoot;
-  buildRoot.keyPath = LD_BUILD_ROOT_KEY;
-  buildRoot.certificatePath = LD_BUILD_ROOT_CERT;
-  const ldssl::Bio key(BIO_new_file(LD_BUILD_ROOT_KEY, "r")), certificate(BIO_new_file(LD_BUILD_ROOT_CERT, "r"));
-  ASSERT_TRUE(key && certificate);
-  buildRoot.key.reset(PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, nullptr));
-  buildRoot.certificate.reset(PEM_read_bio_X509(certificate.get(), nullptr, nullptr, nullptr));
+  const ldtest::TestIdentity buildRoot = ldtest::TestIdentity::load(LD_BUILD_ROOT_KEY, LD_BUILD_ROOT_CERT);
+  ASSERT_TRUE(buildRoot.key && buildRoot.certificate);
   const ldtest::TestIdentity otherTeam = pki.makeLeaf(buildRoot, "Other Team", {.team = "OTHERTEAM1"});
   const ldtest::TestIdentity stranger = pki.makeLeaf(pki.makeRoot("Stranger Root"), "Stranger", {.team = "DEVTEAM001"});
   auto signedCopy = [&](const std::string& source, const std::string& name, const std::string& identifier,

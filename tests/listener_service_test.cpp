@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <functional>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include "helper/listener_service.h"
@@ -338,12 +337,6 @@ TEST(ListenerServiceConcurrency, OneTerminationWithTheFirstStatus) {
 // ---- The one-time token ----
 
 // The draws are fresh each time; their encoding is the next test's.
-TEST(UnpredictableToken, FreshEachTime) {
-  std::set<std::string> seen;
-  for (int i = 0; i < 64; ++i) seen.insert(LDUnpredictableToken().value());
-  EXPECT_EQ(seen.size(), 64u);
-}
-
 // Two digits a byte, high nibble first, no sign extension of bytes from 0x80.
 TEST(UnpredictableToken, EncodesEachDrawnByteAsTwoDigits) {
   ldtest::ScriptedSystemCalls systemCalls;

@@ -42,6 +42,14 @@ std::string pemText(Write write) {
 
 }  // namespace
 
+TestIdentity TestIdentity::load(const std::string& keyPath, const std::string& certificatePath) {
+  TestIdentity identity{nullptr, nullptr, keyPath, certificatePath};
+  const ldssl::Bio key(BIO_new_file(keyPath.c_str(), "r")), certificate(BIO_new_file(certificatePath.c_str(), "r"));
+  if (key) identity.key.reset(PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, nullptr));
+  if (certificate) identity.certificate.reset(PEM_read_bio_X509(certificate.get(), nullptr, nullptr, nullptr));
+  return identity;
+}
+
 std::string TestPki::pemOf(const TestIdentity& identity) {
   return pemText([&](BIO* out) { PEM_write_bio_X509(out, identity.certificate.get()); });
 }

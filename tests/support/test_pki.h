@@ -15,6 +15,9 @@ struct TestIdentity {
   ldssl::Certificate certificate;
   std::string keyPath;
   std::string certificatePath;
+
+  // An identity from its PEM files (such as the build's development root); empty keys when unreadable.
+  static TestIdentity load(const std::string& keyPath, const std::string& certificatePath);
 };
 
 struct LeafOptions {
