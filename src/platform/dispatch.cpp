@@ -1,15 +1,14 @@
 #include "platform/dispatch.h"
 
 #include <algorithm>
+#include <tuple>
 
 #include "shared/monotonic_clock.h"
 
 namespace {
 
 // Orders the heap so that the earliest deadline (then the earliest submission) is on top.
-bool later(const auto& a, const auto& b) {
-  return a.deadline != b.deadline ? a.deadline > b.deadline : a.sequence > b.sequence;
-}
+bool later(const auto& a, const auto& b) { return std::tie(a.deadline, a.sequence) > std::tie(b.deadline, b.sequence); }
 
 }  // namespace
 
