@@ -126,7 +126,8 @@ TEST(Der, ReadsOnlyLowTagsAndTheShortestDefiniteLength) {
   }
 }
 
-// An RSA key of 2048 to 4096 bits with an odd public exponent of at least 3: the modulus
+// An RSA key of 2048 to 4096 bits with an odd public exponent of at least 3 and at most 8
+// octets (a negative one is none): the modulus
 // 2^(bits-1)+1 has the bits asked for (the parser checks sizes, not primes).
 TEST(PublicKey, TakesRsaKeysOf2048To4096BitsWithAnOddExponent) {
   const auto der = [](char tag, const std::string& contents) {
@@ -135,14 +136,16 @@ TEST(PublicKey, TakesRsaKeysOf2048To4096BitsWithAnOddExponent) {
                                        : std::string{'\x82', static_cast<char>(n >> 8), static_cast<char>(n & 0xff)};
     return tag + length + contents;
   };
-  for (const auto& [bits, exponent, taken] : std::initializer_list<std::tuple<size_t, char, bool>>{
-           {2047, 3, false}, {2048, 3, true}, {4096, 3, true}, {4097, 3, false}, {2048, 4, false}, {2048, 1, false}}) {
+  const std::string e9(std::string_view("\x01\0\0\0\0\0\0\0\x03", 9));  // odd, but 9 octets
+  for (const auto& [bits, exponent, taken] : std::initializer_list<std::tuple<size_t, std::string, bool>>{
+           {2047, "\x03", false}, {2048, "\x03", true}, {4096, "\x03", true}, {4097, "\x03", false},
+           {2048, "\x04", false}, {2048, "\x01", false}, {2048, "\x83", false}, {2048, e9, false}}) {
     std::string modulus((bits + 8) / 8, '\0');  // with a leading zero octet where the top bit needs it
     modulus[modulus.size() - 1 - (bits - 1) / 8] = static_cast<char>(1 << ((bits - 1) % 8));
     modulus.back() |= 1;
     const std::string rsa = der(0x30, der(0x06, "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01") + der(0x05, ""));
-    const std::string key = der(0x30, rsa + der(0x03, '\0' + der(0x30, der(0x02, modulus) + der(0x02, {exponent}))));
-    EXPECT_EQ(LDParsePublicKey(*LDDerReader(LDBytesOf(key)).readAny()).has_value(), taken) << bits << " bits, e " << int{exponent};
+    const std::string key = der(0x30, rsa + der(0x03, '\0' + der(0x30, der(0x02, modulus) + der(0x02, exponent))));
+    EXPECT_EQ(LDParsePublicKey(*LDDerReader(LDBytesOf(key)).readAny()).has_value(), taken) << bits << " bits, e " << testing::PrintToString(exponent);
   }
 }
 
