@@ -317,6 +317,8 @@ TEST(Client, NamesTheAdmissionCheckItWouldFail) {
   }
   const ldtest::ProcessResult noPath = ldtest::runProgram({installed, "--socket"}, kNobody);
   EXPECT_EQ(noPath.exitStatus, 64) << "--socket with no path is a usage error: " << noPath.standardError;
+  const ldtest::ProcessResult version = ldtest::runProgram({installed, "--version"}, kNobody);
+  EXPECT_TRUE(version.exitStatus == 0 && version.standardOutput.starts_with("quillfern-listen ")) << version.standardError;
   ::umount2(fuse.c_str(), MNT_DETACH);
   ::umount2(nosuid.c_str(), MNT_DETACH);
 }

@@ -94,11 +94,11 @@ int main(int argc, char** argv) {
   char** command = nullptr;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (i == 1 && argc == 2 && word == "--help") {
+    if (argc == 2 && word == "--help") {
       std::fputs(kUsage, stdout);
       return 0;
     }
-    if (i == 1 && argc == 2 && word == "--version") {
+    if (argc == 2 && word == "--version") {
       std::puts("quillfern-listen " LD_VERSION);
       return 0;
     }
