@@ -42,7 +42,7 @@ const std::vector<Knob>& knobs() {
                                   "serialNegative", "ownKeyIdEmpty", "onlySerial", "badDirectoryName"}},
       {"serial", {"standard", "nonMinimal", "negative", "zero", "twentyOctets", "twentyOneOctets"}},
       {"nameString", {"utf8", "printable", "printableBad", "ia5", "ia5High", "utf8Invalid", "utf8Controls", "bmp",
-                      "issuersName"}},
+                      "issuersName", "empty"}},
       {"team", {"one", "none", "two", "printable"}},
       {"extraExtension", {"none", "unknown", "unknownCritical", "nameConstraintsCritical", "policiesCritical",
                           "duplicateKeyUsage", "subjectAltName", "permitsTeam", "permitsOtherTeam", "excludesTeam",
@@ -412,6 +412,7 @@ Issued makeCertificate(const LDForgeRecipe& recipe, size_t position, bool isRoot
   made.subject = der(0x30, attribute(kOrganization, 0x0c, "Quillfern Forge") + units + common);
   made.issuer = issuer ? issuer->subject : made.subject;
   if (knob(LDForgeNameString) == 8 && issuer) made.subject = made.issuer;  // self-issued
+  if (knob(LDForgeNameString) == 9) made.subject = der(0x30, "");
   const Issued& signer = issuer ? *issuer : made;
 
   std::string extensions;

@@ -181,6 +181,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"root=excludesTeam", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 extraExtension=excludesLeaf", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 nameString=issuersName root=permitsTeam", 0},  // self-issued: not judged
+      {"intermediates=1 target=intermediate1 nameString=empty root=permitsTeam", 0},  // an empty subject: not judged
       // The leaf's issuer named like the root, and no key identifier to tell them apart.
       {"intermediates=1 target=intermediate1 authorityKeyIdentifier=absent nameString=issuersName", errSecCSSignatureUntrusted},
       {"extraExtension=excludesTeam", 0},
