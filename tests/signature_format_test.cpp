@@ -202,11 +202,14 @@ TEST(SignatureTrailer, LocatesTheBlobOrSaysWhyNot) {
     EXPECT_EQ(location.status, c.status) << c.fileSize;
     EXPECT_EQ(location.codeSize, c.codeSize) << c.fileSize;
   }
-  // A descriptor that cannot be read (a pipe: ESPIPE) ends the read at once, never read again.
+  // A descriptor that cannot be read (a pipe: ESPIPE) ends the read at once, never read again,
+  // and has no digest.
   int pipe[2];
   ASSERT_EQ(::pipe(pipe), 0);
   char byte = 0;
+  std::array<uint8_t, 32> digest{};
   EXPECT_FALSE(LDReadFully(pipe[0], 0, &byte, 1));
+  EXPECT_FALSE(LDDigestOfDescriptor(pipe[0], 1, digest));
   ::close(pipe[0]);
   ::close(pipe[1]);
 }
