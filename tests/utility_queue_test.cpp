@@ -36,10 +36,4 @@ TEST(UtilityQueue, RunsDueBlocksInDeadlineOrderAndSkipsCancelledOnes) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
 }
 
-TEST(UtilityQueue, DelaysAreNanosecondsTruncatedTowardZero) {
-  EXPECT_EQ(LDDelayInNanoseconds(0.0000000019), 1);
-  EXPECT_EQ(LDDelayInNanoseconds(1.5), 1'500'000'000);
-  EXPECT_EQ(LDDelayInNanoseconds(-0.5), -500'000'000);
-}
-
 }  // namespace
