@@ -23,20 +23,16 @@ bool LDPlaceDescriptorsForExec(const int* sources, const int* targets, int count
   }
   int highest = 0;
   for (int i = 0; i < count; ++i) highest = targets[i] > highest ? targets[i] : highest;
-  int copies[kMaximumPlaced];
+  LDFileHandle copies[kMaximumPlaced];  // no allocation: callers may have just forked
   for (int i = 0; i < count; ++i) {
-    copies[i] = ::fcntl(sources[i], F_DUPFD_CLOEXEC, highest + 1);
-    if (copies[i] < 0) {
-      for (int k = 0; k < i; ++k) LDCloseDescriptor(copies[k]);
-      return false;
-    }
+    copies[i].reset(::fcntl(sources[i], F_DUPFD_CLOEXEC, highest + 1));
+    if (!copies[i].isValid()) return false;
   }
-  bool placed = true;
-  for (int i = 0; i < count && placed; ++i) {
-    placed = ::dup2(copies[i], targets[i]) == targets[i];  // a different number: no close-on-exec
+  for (int i = 0; i < count; ++i) {
+    // A different number: the target is not close-on-exec.
+    if (::dup2(copies[i].fileDescriptor(), targets[i]) != targets[i]) return false;
   }
-  for (int i = 0; i < count; ++i) LDCloseDescriptor(copies[i]);
-  return placed;
+  return true;  // the copies close here, errno kept
 }
 
 bool LDKeepOnlyDescriptors(int nullDevice, const int* keep, int count) {
