@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include "shared/file_handle.h"
+#include "shared/hex.h"
 #include "shared/printable.h"
 #include "signing/certificate.h"
 #include "signing/code_signature.h"
@@ -168,6 +171,7 @@ TEST(Manifest, RoundTripsAndRejectsEveryOtherSpelling) {
            head + "size 18446744073709551616\n" + digest,              // 2^64
            head + "size 12\nsha256 00070E151C232A31383F464D545B626970777E858C939AA1A8AFB6BDC4CBD2D9\n",
            head + "size 12\nsha256 0007\n",
+           head + "size 12\nsha256 0g" + digest.substr(9),          // one nibble that is no digit
            head + "sha256 x\nsize 12\n",                               // order
            std::string("ld-codesign-manifest 2\nidentifier a\nteam T\nsize 1\n") + digest,
            std::string("ld-codesign-manifest 1\nidentifier \nteam T\nsize 1\n") + digest,
@@ -210,6 +214,11 @@ TEST(SignatureTrailer, LocatesTheBlobOrSaysWhyNot) {
   std::array<uint8_t, 32> digest{};
   EXPECT_FALSE(LDReadFully(pipe[0], 0, &byte, 1));
   EXPECT_FALSE(LDDigestOfDescriptor(pipe[0], 1, digest));
+  // A last read of a single byte is a whole read.
+  const LDFileHandle one(::memfd_create("one", MFD_CLOEXEC));
+  ASSERT_EQ(::write(one.fileDescriptor(), "a", 1), 1);
+  ASSERT_TRUE(LDDigestOfDescriptor(one.fileDescriptor(), 1, digest));
+  EXPECT_EQ(LDHex(digest.data(), digest.size()), "ca978112ca1bbdcafac231b39a23dc4da786eff8147c4e72b9807785afee48bb");
   ::close(pipe[0]);
   ::close(pipe[1]);
 }
