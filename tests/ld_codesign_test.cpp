@@ -77,6 +77,8 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
                 program + ": unverifiable: No readable code at " + program + " (OSStatus -67060)", 65534},
            Case{sign("com.a", leaf.keyPath, leaf.certificatePath, directory.file("missing")), 2,
                 "ld-codesign: cannot open " + directory.file("missing") + ": No such file or directory"},
+           Case{sign("com.a", leaf.keyPath, directory.file("none"), program), 2,
+                "ld-codesign: cannot read " + directory.file("none") + ": No such file or directory"},
            Case{sign("com.a", other.keyPath, leaf.certificatePath, program), 2,
                 "ld-codesign: " + other.keyPath + " is not the key of the certificate in " + leaf.certificatePath},
            Case{sign("com.a", noTeam.keyPath, noTeam.certificatePath, program), 2,
