@@ -27,7 +27,7 @@ std::vector<std::string> numbers(int count) {
 const std::vector<Knob>& knobs() {
   static const std::vector<Knob>* const table = new std::vector<Knob>{
       {"intermediates", numbers(9)},
-      {"shape", {"carried", "omitIntermediates", "withRoot", "leafLast"}},
+      {"shape", {"carried", "omitIntermediates", "withRoot", "leafLast", "twoSigners"}},
       {"target", {"leaf", "intermediate1", "intermediate2", "intermediate3", "intermediate4", "intermediate5",
                   "intermediate6", "intermediate7", "intermediate8"}},
       {"key", {"p256", "p384", "rsa2048", "rsa1024", "p521", "ed25519"}},
@@ -53,7 +53,7 @@ const std::vector<Knob>& knobs() {
       {"validity", {"current", "expired", "generalizedTime"}},
       {"encoding", {"der", "longFormLength"}},
       {"signatureValue", {"der", "rNegative", "sPadded"}},
-      {"signerAlgorithm", {"standard", "rsaEncryption", "otherDigest"}},
+      {"signerAlgorithm", {"standard", "rsaEncryption", "otherDigest", "parametersNotNull"}},
       {"manifest", {"standard", "teamDiffers", "malformed", "attributesUnsorted", "contentNotData", "attributeNotData"}},
       {"root", {"standard", "serverAuthOnly", "unknownCritical", "excludesTeam", "permitsTeam"}},
       {"flipAt", numbers(256)},
@@ -138,6 +138,9 @@ std::string signatureAlgorithm(EVP_PKEY* key, bool sha384) {
 
 // rsaEncryption: a key's algorithm, which a CMS signer may name but a certificate may not.
 std::string bareRsaAlgorithm() { return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01") + der(0x05, "")); }
+
+// sha256WithRSAEncryption with an INTEGER where its parameters must be NULL.
+std::string rsaAlgorithmWithInteger() { return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0b") + der(0x02, std::string(1, '\0'))); }
 
 std::string sign(EVP_PKEY* key, bool sha384, const std::string& message) {
   ldssl::DigestContext context(EVP_MD_CTX_new());
@@ -470,7 +473,9 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   const std::string attributes = manifestHow == 3 ? messageDigest + contentType : contentType + messageDigest;
   const Issued& leaf = chain.front();
   const uint8_t signerAlgorithm = recipe[LDForgeSignerAlgorithm];
-  const std::string algorithm = signerAlgorithm == 1 ? bareRsaAlgorithm() : signatureAlgorithm(leaf.key, signerAlgorithm == 2);
+  const std::string algorithm = signerAlgorithm == 1   ? bareRsaAlgorithm()
+                                : signerAlgorithm == 3 ? rsaAlgorithmWithInteger()
+                                                       : signatureAlgorithm(leaf.key, signerAlgorithm == 2);
   const std::string signerInfo = der(
       0x30, der(0x02, "\x01") + der(0x30, leaf.issuer + der(0x02, leaf.serial)) + sha256 + der(0xa0, attributes) +
                 algorithm + der(0x04, sign(leaf.key, false, der(0x31, attributes))));
@@ -481,7 +486,7 @@ std::string signedData(const LDForgeRecipe& recipe, const std::vector<Issued>& c
   if (shape == 3) certificates += leaf.encoding;
   if (shape == 2) certificates += root.encoding;
   const std::string body = der(0x02, "\x01") + der(0x31, sha256) + der(0x30, (manifestHow == 4 ? timeStamp : data) + der(0xa0, der(0x04, content))) +
-                           der(0xa0, certificates) + der(0x31, signerInfo);
+                           der(0xa0, certificates) + der(0x31, shape == 4 ? signerInfo + signerInfo : signerInfo);
   return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x07\x02") + der(0xa0, der(0x30, body)));
 }
 

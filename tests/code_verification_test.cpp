@@ -151,6 +151,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"intermediates=6", 0},
       {"intermediates=7", errSecCSSignatureUntrusted},
       {"intermediates=1 shape=omitIntermediates", errSecCSSignatureUntrusted},
+      {"shape=twoSigners", errSecCSSignatureInvalid},
       // Issuers: a CA, allowed to sign certificates, within its path length.
       {"intermediates=1 target=intermediate1 basicConstraints=absent", errSecCSSignatureUntrusted},
       {"intermediates=1 target=intermediate1 basicConstraints=notCA", errSecCSSignatureUntrusted},
@@ -230,6 +231,7 @@ TEST(SigningProfile, RefusesEachBadEncodingAndChainPolicy) {
       {"keyUsage=keyEncipherment", errSecCSSignatureUntrusted},
       {"key=rsa2048 signerAlgorithm=rsaEncryption", 0},
       {"signerAlgorithm=rsaEncryption", errSecCSSignatureInvalid},
+      {"key=rsa2048 signerAlgorithm=parametersNotNull", errSecCSSignatureInvalid},
       {"algorithm=rsaEncryption", errSecCSSignatureInvalid},  // a certificate never names rsaEncryption
       {"key=p521", errSecCSSignatureInvalid},
       {"manifest=teamDiffers", errSecCSSignatureInvalid},
