@@ -8,12 +8,10 @@
 
 #include "shared/loopback_listeners.h"
 
-bool LDListenerEndpoint::isEqualToEndpoint(const LDListenerEndpoint* other) const {
-  if (other == nullptr) return false;
-  if (other->family() != _family) return false;
-  if (other->port() != _port) return false;
+bool LDListenerEndpoint::isEqualToEndpoint(const LDListenerEndpoint& other) const {
+  if (other.family() != _family || other.port() != _port) return false;
   // other's address is the one asked: when it has none, nothing equals it.
-  return other->address().has_value() && _address.has_value() && *other->address() == *_address;
+  return other.address().has_value() && _address.has_value() && *other.address() == *_address;
 }
 
 std::string LDListenerEndpoint::description() const {

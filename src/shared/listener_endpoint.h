@@ -17,9 +17,9 @@ class LDListenerEndpoint {
   const std::optional<std::string>& address() const { return _address; }
   uint16_t port() const { return _port; }
 
-  // False for none, a different family or port, or an address (on other's side) that is absent
-  // or differs by a character.
-  bool isEqualToEndpoint(const LDListenerEndpoint* other) const;
+  // False for a different family or port, or an address (on other's side) that is absent or
+  // differs by a character.
+  bool isEqualToEndpoint(const LDListenerEndpoint& other) const;
 
   // "[::1]:80" for AF_INET6, "127.0.0.1:80" for every other family.
   std::string description() const;

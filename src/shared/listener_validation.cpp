@@ -67,7 +67,7 @@ bool LDLoopbackListeners::validateReceivedFileDescriptor(int fd,
   if (!keepsCloseOnExec(fd, expected, error, systemCalls)) return false;
   const std::optional<LDListenerEndpoint> received = endpointForFileDescriptor(fd, error, systemCalls);
   if (!received) return false;
-  if (!received->isEqualToEndpoint(&expected)) {
+  if (!received->isEqualToEndpoint(expected)) {
     if (error) *error = LDEndpointError("Expected " + expected.description() + ", received " + received->description());
     return false;
   }
