@@ -102,6 +102,7 @@ TEST(Wire, RejectsEveryMalformedPacket) {
            Case{"string too long", header(4) + i64(1) + str(std::string(1025, 'a')) + "\x01", 0},
            Case{"string past the end", header(4) + i64(1) + std::string("\x10\0\0\0", 4) + "abc", 0},
            Case{"invalid UTF-8", header(4) + i64(1) + str("\xc3(") + "\x01", 0},  // each ill-formed kind: the Printable table
+           Case{"a continuation byte alone", header(4) + i64(1) + str("\x80") + "\x01", 0},  // Printable escapes U+0080 alike
            Case{"oversized", request + std::string(4096, '\0'), 0},
        }) {
     EXPECT_FALSE(LDDecodeMessage(c.packet, c.descriptors)) << c.name;
