@@ -315,10 +315,12 @@ TEST(Client, NamesTheAdmissionCheckItWouldFail) {
     EXPECT_EQ(result.exitStatus, 1) << expected;
     EXPECT_NE(result.standardError.find(expected), std::string::npos) << result.standardError;
   }
-  const ldtest::ProcessResult noPath = ldtest::runProgram({installed, "--socket"}, kNobody);
-  EXPECT_EQ(noPath.exitStatus, 64) << "--socket with no path is a usage error: " << noPath.standardError;
-  const ldtest::ProcessResult version = ldtest::runProgram({installed, "--version"}, kNobody);
-  EXPECT_TRUE(version.exitStatus == 0 && version.standardOutput.starts_with("quillfern-listen ")) << version.standardError;
+  // Each word alone: --socket without its path is a usage error.
+  for (const auto& [word, status, start] : {std::tuple{"--socket", 64, ""}, std::tuple{"--version", 0, "quillfern-listen "},
+                                            std::tuple{"--help", 0, "usage: "}}) {
+    const ldtest::ProcessResult alone = ldtest::runProgram({installed, word}, kNobody);
+    EXPECT_TRUE(alone.exitStatus == status && alone.standardOutput.starts_with(start)) << word << alone.standardError;
+  }
   ::umount2(fuse.c_str(), MNT_DETACH);
   ::umount2(nosuid.c_str(), MNT_DETACH);
 }
