@@ -75,7 +75,8 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
                 "compiled-in root (issuer CN=Evil\\x0a" + signedProgram + ": valid (OSStatus 0)\\x1b[1A,O=Quillfern Test)"},
            Case{{tool, "verify", "--requirement", requirement, "--anchor", root.certificatePath, program}, 2,
                 program + ": unverifiable: No readable code at " + program + " (OSStatus -67060)", 65534},
-           Case{sign("com.a", leaf.keyPath, leaf.certificatePath, directory.file("missing")), 2,
+           // The longest identifier there may be, for a file that is not there.
+           Case{sign(std::string(255, 'a'), leaf.keyPath, leaf.certificatePath, directory.file("missing")), 2,
                 "ld-codesign: cannot open " + directory.file("missing") + ": No such file or directory"},
            Case{sign("com.a", leaf.keyPath, directory.file("none"), program), 2,
                 "ld-codesign: cannot read " + directory.file("none") + ": No such file or directory"},
