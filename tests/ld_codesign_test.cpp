@@ -10,9 +10,6 @@
 
 namespace {
 
-using ldtest::readFile;
-using ldtest::writeFile;
-
 // Every command answers first with exactly the expected lines (on standard output when it ran,
 // on standard error when it could not) and its documented exit status. The unsigned program is
 // left as it was by every command; the signed one is a copy of /bin/true.
@@ -30,10 +27,10 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
   const auto forger = pki.makeLeaf(pki.makeRoot(forgery), "Forged");
   const std::string program = directory.file("program");
   const std::string signedProgram = directory.file("signed");
-  writeFile(program, "some code", 0600);
-  writeFile(directory.file("torn"), "x" + LDFormatSignatureTrailer(1000), 0600);  // a blob longer than the file
-  const std::string code = readFile("/bin/true");
-  writeFile(signedProgram, code, 0750);
+  ldtest::writeFile(program, "some code", 0600);
+  ldtest::writeFile(directory.file("torn"), "x" + LDFormatSignatureTrailer(1000), 0600);  // a blob longer than the file
+  const std::string code = ldtest::readFile("/bin/true");
+  ldtest::writeFile(signedProgram, code, 0750);
   std::array<uint8_t, 32> digest{};
   EVP_Digest(code.data(), code.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
   const std::string tool = LD_CODESIGN;
@@ -101,13 +98,14 @@ TEST(LdCodesign, EveryCommandAnswersWithItsStatusAndClearLines) {
            Case{{tool, "display", directory.file("torn")}, 2, "ld-codesign: " + directory.file("torn") + " ends in a malformed signature trailer"},
            Case{{tool, "verify", "--requirement", "anchor apple generic", "--anchor", directory.file("none"), program}, 2,
                 "ld-codesign: cannot read " + directory.file("none") + ": No such file or directory"},
+           Case{{tool}, 64, "ld-codesign: no command"},
            Case{{tool, "frobnicate"}, 64, "ld-codesign: unknown command frobnicate"},
            Case{{tool, "sign", "--force", "x", program}, 64, "ld-codesign: unknown option --force"},
        }) {
     const auto result = ldtest::runProgram(c.argv, c.uid);
     EXPECT_EQ(result.exitStatus, c.exitStatus) << c.lines;
     EXPECT_EQ((result.standardOutput + result.standardError).substr(0, c.lines.size() + 1), c.lines + "\n");
-    EXPECT_EQ(readFile(program), "some code");
+    EXPECT_EQ(ldtest::readFile(program), "some code");
   }
   // Signing kept the mode, and the loader ignores the appended signature.
   struct stat status {};
