@@ -123,8 +123,6 @@ TEST(PlaceDescriptorsForExec, SourcesAlreadyAtOrSwappedWithTheirTargets) {
     for (const int fd : {a[0], b[0], a[1], b[1], 3, 4}) ::close(fd);
     ASSERT_EQ(::dup3(100, source0, O_CLOEXEC), source0);
     ASSERT_EQ(::dup3(101, source1, O_CLOEXEC), source1);
-    ::close(100);
-    ::close(101);
     const int sources[] = {source0, source1}, targets[] = {3, 4};
     ASSERT_TRUE(LDPlaceDescriptorsForExec(sources, targets, 2));
     ASSERT_EQ(::write(102, "A", 1), 1);
@@ -135,8 +133,11 @@ TEST(PlaceDescriptorsForExec, SourcesAlreadyAtOrSwappedWithTheirTargets) {
       EXPECT_EQ(::read(target, &got, 1), 1);
       EXPECT_EQ(got, written);
     }
-    for (const int fd : {3, 4, source0, source1, 102, 103}) ::close(fd);
+    for (const int fd : {3, 4, source0, source1, 100, 101, 102, 103}) ::close(fd);
   }
+  // A source that is not open, or a target no descriptor can have, places nothing.
+  const int none = -1, input = 0;
+  EXPECT_FALSE(LDPlaceDescriptorsForExec(&none, &input, 1) || LDPlaceDescriptorsForExec(&input, &none, 1));
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ bool LDPlaceDescriptorsForExec(const int* sources, const int* targets, int count
   }
   for (int i = 0; i < count; ++i) {
     // A different number: the target is not close-on-exec.
-    if (::dup2(copies[i].fileDescriptor(), targets[i]) != targets[i]) return false;
+    if (::dup2(copies[i].fileDescriptor(), targets[i]) < 0) return false;
   }
   return true;  // the copies close here, errno kept
 }
