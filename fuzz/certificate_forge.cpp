@@ -129,10 +129,12 @@ LDCertificateForge::KeyPair keyPair(ldssl::Key key) {
 bool isRsa(EVP_PKEY* key) { return EVP_PKEY_get_base_id(key) == EVP_PKEY_RSA; }
 bool isEd25519(EVP_PKEY* key) { return EVP_PKEY_get_base_id(key) == EVP_PKEY_ED25519; }
 
+constexpr std::string_view kSha256WithRsa = "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0b";
+
 // The AlgorithmIdentifier of key's signatures with SHA-256 (or SHA-384).
 std::string signatureAlgorithm(EVP_PKEY* key, bool sha384) {
   if (isEd25519(key)) return der(0x30, oid("\x2b\x65\x70"));
-  if (isRsa(key)) return der(0x30, oid(sha384 ? "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0c" : "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0b") + der(0x05, ""));
+  if (isRsa(key)) return der(0x30, oid(sha384 ? "\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0c" : kSha256WithRsa) + der(0x05, ""));
   return der(0x30, oid(sha384 ? "\x2a\x86\x48\xce\x3d\x04\x03\x03" : "\x2a\x86\x48\xce\x3d\x04\x03\x02"));
 }
 
@@ -140,7 +142,7 @@ std::string signatureAlgorithm(EVP_PKEY* key, bool sha384) {
 std::string bareRsaAlgorithm() { return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01") + der(0x05, "")); }
 
 // sha256WithRSAEncryption with an INTEGER where its parameters must be NULL.
-std::string rsaAlgorithmWithInteger() { return der(0x30, oid("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0b") + der(0x02, std::string(1, '\0'))); }
+std::string rsaAlgorithmWithInteger() { return der(0x30, oid(kSha256WithRsa) + der(0x02, std::string(1, '\0'))); }
 
 std::string sign(EVP_PKEY* key, bool sha384, const std::string& message) {
   ldssl::DigestContext context(EVP_MD_CTX_new());
