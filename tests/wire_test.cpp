@@ -135,9 +135,11 @@ TEST(PlaceDescriptorsForExec, SourcesAlreadyAtOrSwappedWithTheirTargets) {
     }
     for (const int fd : {3, 4, source0, source1, 100, 101, 102, 103}) ::close(fd);
   }
-  // A source that is not open, or a target no descriptor can have, places nothing.
+  // A source that is not open, or a target no descriptor can have, places nothing; descriptor 0
+  // is a target like any other (here standard input placed onto itself).
   const int none = -1, input = 0;
   EXPECT_FALSE(LDPlaceDescriptorsForExec(&none, &input, 1) || LDPlaceDescriptorsForExec(&input, &none, 1));
+  EXPECT_TRUE(LDPlaceDescriptorsForExec(&input, &input, 1));
 }
 
 }  // namespace
